@@ -1,0 +1,110 @@
+#include "kapsel/crawlers.h"
+
+#include "kapsel/block.h"
+#include "kapsel/cluster.h"
+#include "kapsel/payload.h"
+
+namespace Kapsel {
+
+bool RemoveVoids::evalPayload(IPayload& payload) {
+  if (payload.isComposite()) payload.clearVoids();
+  return payload.eval(*this);
+}
+
+bool writeCrc32(const IElement& element) {
+  ReceiptPtr crcReceipt = element.crc32Receipt();
+  ReceiptPtr payload = element.payloadReceipt();
+  if (!crcReceipt || !payload) return false;
+  // Voids kept after the element follow it outside its size: they are not summed.
+  uint64_t trailing = 0;
+  for (const auto& v : element.getPayload().voids()) {
+    ReceiptPtr r = v.storageReceipt();
+    if (r) trailing += r->numBytes();
+  }
+  if (trailing > payload->numBytes()) return false;
+  ReceiptPtr covered = payload->receipt(0, payload->numBytes() - trailing);
+  Crc32 crc;
+  if (!covered || !covered->calcCrc32(crc, crcReceipt)) return false;
+  unsigned char bytes[6] = {0xBF, 0, 0, 0, 0, 0};
+  vsizeEncode(4, bytes + 1, 1);
+  uintEncode(crc.checksum(), bytes + 2, 4);
+  return crcReceipt->save(bytes, 6);
+}
+
+bool ReplaceCrc32Placeholders::eval(IElement& element) {
+  // Children first: a parent's sum covers its children's CRC-32 values.
+  const bool stop = evalPayload(element.getPayload());
+  if (element.crc32Receipt()) writeCrc32(element);
+  return stop;
+}
+
+bool RewriteReferences::evalPayload(IPayload& payload) {
+  if (auto* ref = dynamic_cast<VEltPosition*>(&payload)) ref->rewrite();
+  return payload.eval(*this);
+}
+
+bool OptimizeReferences::evalPayload(IPayload& payload) {
+  if (auto* ref = dynamic_cast<VEltPosition*>(&payload)) {
+    ref->discardReceipt();
+    ref->setMaxSize(ref->calcSize());
+  }
+  return payload.eval(*this);
+}
+
+bool ResetReferences::evalPayload(IPayload& payload) {
+  if (auto* ref = dynamic_cast<VEltPosition*>(&payload)) {
+    ref->setMaxSize(8);
+    ref->discardReceipt();
+  }
+  return payload.eval(*this);
+}
+
+bool DiscardReceipts::eval(IElement& element) {
+  element.discardReceipts();
+  return evalPayload(element.getPayload());
+}
+
+bool DiscardReceipts::evalPayload(IPayload& payload) {
+  if (auto* ref = dynamic_cast<VEltPosition*>(&payload)) ref->discardReceipt();
+  return payload.eval(*this);
+}
+
+template <class Elt>
+void Optimizer::optimizeBlock(Elt& element) {
+  VBinary& payload = *element;
+  const uint64_t old = payload.numBytes();
+  SimpleBlock block;
+  if (block.importData(payload.data()) == 0) return;
+  HodgePodge data;
+  block.exportData(data, storage_);
+  if (data.numBytes() < old) payload.set(data);
+}
+
+bool Optimizer::eval(IElement& element) {
+  element.setCrc32(false);
+  const uint64_t id = element.getId();
+  if (id == 0x1F43B675) {
+    if (auto* cluster = dynamic_cast<Cluster*>(&element.getPayload())) {
+      VEltPosition& pos = *cluster->position_;
+      pos.setElt(nullptr);
+      pos.setOrigin(nullptr);
+      // A loaded value would be stale once blocks shrink.
+      pos.setPosition(uintMax[8]);
+    }
+  } else if (id == 0xA3) {
+    if (auto* e = dynamic_cast<Cluster::SimpleBlockElt*>(&element)) optimizeBlock(*e);
+  } else if (id == 0xA1) {
+    if (auto* e = dynamic_cast<BlockGroup::BlockElt*>(&element)) optimizeBlock(*e);
+  }
+  return evalPayload(element.getPayload());
+}
+
+bool Optimizer::evalPayload(IPayload& payload) {
+  if (payload.isComposite()) payload.clearVoids();
+  return payload.eval(*this);
+}
+
+template void Optimizer::optimizeBlock(Cluster::SimpleBlockElt&);
+template void Optimizer::optimizeBlock(BlockGroup::BlockElt&);
+
+}  // namespace Kapsel

@@ -1,0 +1,55 @@
+#pragma once
+// Tree walks that change a document in one pass.
+
+#include "kapsel/element.h"
+
+namespace Kapsel {
+
+class RemoveVoids : public IElementCrawler {
+ public:
+  bool evalPayload(IPayload& payload) override;
+};
+
+class ReplaceCrc32Placeholders : public IElementCrawler {
+ public:
+  bool eval(IElement& element) override;
+};
+
+class RewriteReferences : public IElementCrawler {
+ public:
+  bool evalPayload(IPayload& payload) override;
+};
+
+class OptimizeReferences : public IElementCrawler {
+ public:
+  bool evalPayload(IPayload& payload) override;
+};
+
+class ResetReferences : public IElementCrawler {
+ public:
+  bool evalPayload(IPayload& payload) override;
+};
+
+class DiscardReceipts : public IElementCrawler {
+ public:
+  bool eval(IElement& element) override;
+  bool evalPayload(IPayload& payload) override;
+};
+
+// Drops CRC-32 elements and Voids and re-encodes blocks more compactly where it pays.
+class Optimizer : public IElementCrawler {
+ public:
+  explicit Optimizer(IStorage& storage) : storage_(storage) {}
+  bool eval(IElement& element) override;
+  bool evalPayload(IPayload& payload) override;
+  template <class Elt>
+  void optimizeBlock(Elt& element);
+
+ private:
+  IStorage& storage_;
+};
+
+// Writes the CRC-32 value of one element over its placeholder; false when it cannot.
+bool writeCrc32(const IElement& element);
+
+}  // namespace Kapsel
