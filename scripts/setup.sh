@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the command-line program need (Debian, as root; idempotent).
+set -euo pipefail
+packages=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
+  libcli11-dev nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev
+  ffmpeg mkvtoolnix libwebm-tools)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
