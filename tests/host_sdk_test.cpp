@@ -1,0 +1,309 @@
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <vector>
+
+#include "host_sdk/host_sdk.h"
+
+namespace {
+
+TEST(HostSdkFourCC, PacksFirstCharacterIntoHighByte) {
+  static_assert(FourCC("KVI ") == 0x4B564920u, "usable at compile time");
+  EXPECT_EQ(FourCC("abcd"), 0x61626364u);
+  // Bytes above 0x7F must not sign-extend into the neighbouring bytes.
+  EXPECT_EQ(FourCC("A\x80\xfe\xff"), 0x4180FEFFu);
+}
+
+TEST(HostSdkFourCC, ToStringRoundTripsAndMasksUnprintable) {
+  EXPECT_EQ(FourCCToString(FourCC("KVI ")), "KVI ");
+  EXPECT_EQ(FourCCToString(0x41004243u), "A.BC");
+  EXPECT_EQ(FourCCToString(0), "....");
+}
+
+TEST(HostSdkMarker, SecondsAndExplicitUnits) {
+  CAceMarker fromSeconds(CAceMarker::kMarkerTypeChapter, "Intro", 1.5);
+  EXPECT_EQ(fromSeconds.GetTimeValue(), 1500000);
+  EXPECT_EQ(fromSeconds.GetTimeUnits(), 1000000u);
+  EXPECT_DOUBLE_EQ(fromSeconds.GetEncodedFrameTime(), 1.5);
+  // Rounded, not truncated.
+  EXPECT_EQ(CAceMarker(2, "x", 0.0000019).GetTimeValue(), 2);
+
+  CAceMarker explicitUnits(2, "Two", int64_t{90000}, uint64_t{90000});
+  EXPECT_DOUBLE_EQ(explicitUnits.GetEncodedFrameTime(), 1.0);
+  EXPECT_DOUBLE_EQ(CAceMarker(2, "Zero units", int64_t{5}, uint64_t{0}).GetEncodedFrameTime(), 0.0);
+}
+
+class HostSdkBundle : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    packets0_ = RefPacket::LiveCount();
+    bundles0_ = RefPacketBundle::LiveCount();
+  }
+  void TearDown() override {
+    EXPECT_EQ(RefPacket::LiveCount(), packets0_);
+    EXPECT_EQ(RefPacketBundle::LiveCount(), bundles0_);
+  }
+  int64_t packets0_ = 0;
+  int64_t bundles0_ = 0;
+};
+
+TEST_F(HostSdkBundle, TakeFindAndReleaseOwnership) {
+  auto* bundle = new RefPacketBundle;
+  bundle->Add(new RefPacket({1}, 0, 1000));
+  bundle->Add(new RefPacket({2}, 10, 1000, IPacket::kPacketTypeDescriptor));
+  bundle->Add(new RefPacket({3}, 20, 1000));
+  bundle->Add(new RefPacket({4}, 30, 1000, IPacket::kPacketTypeDescriptor));
+  EXPECT_EQ(RefPacket::LiveCount(), packets0_ + 4);
+  EXPECT_EQ(RefPacketBundle::LiveCount(), bundles0_ + 1);
+
+  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor)->GetData()[0], 2);
+  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 1)->GetData()[0], 2);
+  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 2)->GetData()[0], 4);
+  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 4), nullptr);
+  EXPECT_EQ(bundle->GetPacket(4), nullptr);
+  EXPECT_EQ(bundle->TakePacket(4), nullptr);
+
+  // Taking removes the packet and shifts the rest down.
+  IPacket* taken = bundle->TakePacket(1);
+  ASSERT_NE(taken, nullptr);
+  EXPECT_EQ(taken->GetData()[0], 2);
+  EXPECT_EQ(taken->GetTimeValue(), 10);
+  EXPECT_EQ(bundle->GetCount(), 3u);
+  EXPECT_EQ(bundle->GetPacket(1)->GetData()[0], 3);
+  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor)->GetData()[0], 4);
+
+  // The bundle must not release what it gave away, and must release the rest.
+  bundle->Release();
+  EXPECT_EQ(RefPacket::LiveCount(), packets0_ + 1);
+  EXPECT_EQ(RefPacketBundle::LiveCount(), bundles0_);
+  taken->Release();
+}
+
+TEST_F(HostSdkBundle, SampleBuilders) {
+  const uint8_t frame[] = {9, 8, 7};
+  const std::vector<uint8_t> config = {0x01, 0x64};
+
+  KVImage_t plain = MakeVideoSample(frame, sizeof frame, 3003, 90000, 1001, false);
+  EXPECT_EQ(plain.descriptors, nullptr);
+  EXPECT_TRUE(plain.notKeyFrame);
+  EXPECT_EQ(plain.time, 3003);
+  EXPECT_EQ(plain.timeUnits, 90000u);
+  EXPECT_EQ(plain.compositionOffset, 1001);
+  ASSERT_EQ(plain.data->GetCount(), 1u);
+  IPacket* packet = plain.data->GetPacket(0);
+  EXPECT_EQ(packet->GetType(), IPacket::kPacketTypeData);
+  ASSERT_EQ(packet->GetSize(), 3u);
+  EXPECT_EQ(std::memcmp(packet->GetData(), frame, 3), 0);
+
+  KVImage_t withConfig = MakeVideoSample(frame, sizeof frame, 0, 1000, 0, true, &config);
+  EXPECT_FALSE(withConfig.notKeyFrame);
+  ASSERT_NE(withConfig.descriptors, nullptr);
+  IPacket* descriptor = withConfig.descriptors->Find(IPacket::kPacketTypeDescriptor);
+  ASSERT_NE(descriptor, nullptr);
+  EXPECT_EQ(std::vector<uint8_t>(descriptor->GetData(), descriptor->GetData() + descriptor->GetSize()), config);
+
+  KVAudio_t audio = MakeAudioSample({{{1, 2}, 0, 48000}, {{3}, 1024, 48000}}, &config);
+  ASSERT_EQ(audio.packets->GetCount(), 2u);
+  EXPECT_EQ(audio.packets->GetPacket(1)->GetTimeValue(), 1024);
+  EXPECT_EQ(audio.packets->GetPacket(1)->GetTimeUnits(), 48000u);
+  ASSERT_NE(audio.descriptors, nullptr);
+  KVAudio_t empty = MakeAudioSample({});
+  EXPECT_EQ(empty.descriptors, nullptr);
+  ASSERT_NE(empty.packets, nullptr);
+  EXPECT_EQ(empty.packets->GetCount(), 0u);
+  ReleaseSample(empty);
+
+  // A formatter typically takes the frame packet and releases it itself.
+  withConfig.data->TakePacket(0)->Release();
+  ReleaseSample(plain);
+  ReleaseSample(withConfig);
+  ReleaseSample(audio);
+  EXPECT_EQ(plain.data, nullptr);
+  EXPECT_EQ(audio.packets, nullptr);
+}
+
+TEST(HostSdkCompressors, OptionalParametersReportAbsence) {
+  RefVideoParams p;
+  p.keyFrameInterval = 48;
+  p.keyFrameMargin = false;
+  RefVideoCompressor video(p);
+  uint32_t interval = 0;
+  bool autoKeys = true, margin = true;
+  EXPECT_TRUE(video.GetKeyFrameInterval(interval));
+  EXPECT_EQ(interval, 48u);
+  EXPECT_FALSE(video.GetAutoKeyFrames(autoKeys));
+  EXPECT_TRUE(autoKeys);  // untouched when absent
+  EXPECT_TRUE(video.GetKeyFrameMargin(margin));
+  EXPECT_FALSE(margin);  // present and off is not the same as absent
+}
+
+// Exposes the protected state and records destruction.
+class ProbeFormatter : public CAFormatter {
+ public:
+  explicit ProbeFormatter(bool* destroyed = nullptr) : destroyed_(destroyed) {}
+  ~ProbeFormatter() override {
+    if (destroyed_) *destroyed_ = true;
+  }
+  void SetInputColorFormat(EColorFormats format) override { lastColor = format; }
+  const std::vector<unsigned char>* GetSequenceParameterSet() const override { return &sps; }
+
+  using CAFormatter::AudioCompressors;
+  using CAFormatter::AudioExpected;
+  using CAFormatter::ChapterMarkers;
+  using CAFormatter::DurationHintEnd;
+  using CAFormatter::DurationHintStart;
+  using CAFormatter::DurationHintTimeScale;
+  using CAFormatter::MetaData;
+  using CAFormatter::OutputFile;
+  using CAFormatter::VideoCompressors;
+  using CAFormatter::VideoExpected;
+
+  EColorFormats lastColor = kColorFormatUnknown;
+  std::vector<unsigned char> sps{0x67, 0x42};
+
+ private:
+  bool* destroyed_;
+};
+
+TEST(HostSdkFormatterBase, DefaultsAreNeutral) {
+  ProbeFormatter f;
+  EXPECT_EQ(f.DurationHintStart(), 0u);
+  EXPECT_EQ(f.DurationHintEnd(), 0u);
+  EXPECT_EQ(f.DurationHintTimeScale(), 1u);
+  EXPECT_FALSE(f.VideoExpected());
+  EXPECT_FALSE(f.AudioExpected());
+  EXPECT_TRUE(f.OutputFile().empty());
+  EXPECT_EQ(f.GetOutputStreamMode(), kOutputStreamFile);
+  EXPECT_EQ(f.CreateCopy(), nullptr);
+  EXPECT_EQ(f.BeginFormatting(), 0u);
+  uint64_t t = 7;
+  EXPECT_FALSE(f.GetNextImageTime(t));
+  bool multi = true;
+  int pass = 5, passes = 5;
+  f.GetPassInfo(multi, pass, passes);
+  EXPECT_FALSE(multi);
+}
+
+TEST(HostSdkFormatterBase, StoresDeepCopiesAndCopiesOnAssignment) {
+  ProbeFormatter f;
+  RefVideoCompressor video;
+  RefAudioCompressor audio;
+  {
+    Array_c<CAceNameValuePair> meta;
+    meta.Add(CAceNameValuePair("Title", "Sunrise"));
+    meta.Add(CAceNameValuePair("Artist", "Someone"));
+    auto chapter1 = std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "One", 0.0);
+    auto chapter2 = std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "Two", 12.25);
+    CAceMarkerPtrList markers;
+    markers.Add(chapter1.get());
+    markers.Add(nullptr);  // skipped, not dereferenced
+    markers.Add(chapter2.get());
+    Array_c<IVideoCompressor*> videos;
+    videos.Add(&video);
+    Array_c<IAudioCompressor*> audios;
+    audios.Add(&audio);
+
+    f.SetMetaData(&meta);
+    f.SetChapterMarkers(&markers);
+    f.SetVideoCompressors(videos);
+    f.SetAudioCompressors(audios);
+    f.SetOutputFile(std::string("/tmp/out.mkv"));
+    f.SetDurationHint(100, 2100, 1000);
+    f.SetEncodeVideo(true);
+    f.SetOutputStreamMode(kOutputStreamPipe);
+  }  // the caller's objects are gone now
+
+  ASSERT_EQ(f.MetaData().GetCount(), 2u);
+  EXPECT_EQ(f.MetaData()[1].GetName(), "Artist");
+  EXPECT_EQ(f.MetaData()[1].GetValue(), "Someone");
+  ASSERT_EQ(f.ChapterMarkers().size(), 2u);
+  EXPECT_EQ(f.ChapterMarkers()[1].GetName(), "Two");
+  EXPECT_DOUBLE_EQ(f.ChapterMarkers()[1].GetEncodedFrameTime(), 12.25);
+  ASSERT_EQ(f.VideoCompressors().GetCount(), 1u);
+  EXPECT_EQ(f.VideoCompressors()[0], &video);
+  EXPECT_EQ(f.AudioCompressors()[0], &audio);
+
+  ProbeFormatter copy;
+  copy = f;
+  EXPECT_EQ(copy.OutputFile(), "/tmp/out.mkv");
+  EXPECT_EQ(copy.DurationHintStart(), 100u);
+  EXPECT_EQ(copy.DurationHintEnd(), 2100u);
+  EXPECT_EQ(copy.DurationHintTimeScale(), 1000u);
+  EXPECT_TRUE(copy.VideoExpected());
+  EXPECT_FALSE(copy.AudioExpected());
+  EXPECT_EQ(copy.GetOutputStreamMode(), kOutputStreamPipe);
+  EXPECT_EQ(copy.MetaData().GetCount(), 2u);
+  EXPECT_EQ(copy.ChapterMarkers().size(), 2u);
+  EXPECT_EQ(copy.VideoCompressors().GetCount(), 1u);
+  EXPECT_EQ(copy.AudioCompressors().GetCount(), 1u);
+
+  // Null clears.
+  f.SetMetaData(nullptr);
+  f.SetChapterMarkers(nullptr);
+  EXPECT_TRUE(f.MetaData().IsEmpty());
+  EXPECT_TRUE(f.ChapterMarkers().empty());
+  EXPECT_EQ(copy.MetaData().GetCount(), 2u);
+}
+
+TEST(HostSdkFormatterBase, OverridesDispatchAndReleaseDeletes) {
+  bool destroyed = false;
+  CAFormatter* f = new ProbeFormatter(&destroyed);
+  f->SetInputColorFormat(kColorFormatYUV420);
+  EXPECT_EQ(static_cast<ProbeFormatter*>(f)->lastColor, kColorFormatYUV420);
+  ASSERT_NE(f->GetSequenceParameterSet(), nullptr);
+  EXPECT_EQ(f->GetSequenceParameterSet()->size(), 2u);
+  EXPECT_EQ(f->Release(), 0u);
+  EXPECT_TRUE(destroyed);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+// On this ABI a pointer to a virtual member holds 1 + the byte offset of its slot.
+template <typename F>
+long Slot(F member) {
+  struct {
+    uintptr_t ptr;
+    ptrdiff_t adj;
+  } rep;
+  static_assert(sizeof(F) == sizeof(rep), "two-word member pointer");
+  std::memcpy(&rep, &member, sizeof rep);
+  return static_cast<long>((rep.ptr - 1) / sizeof(void*));
+}
+#endif
+
+TEST(HostSdkFormatterBase, VirtualSlotsMatchTheHost) {
+#if defined(__x86_64__) || defined(__i386__)
+  using F = CAFormatter;
+  const long slots[] = {
+      Slot(&F::CreateCopy),           Slot(&F::Release),
+      Slot(&F::SupportsEncoding),     Slot(&F::SupportsAudioCodec),
+      Slot(&F::SupportsVideoCodec),   Slot(&F::ImplementsAudioCodec),
+      Slot(&F::ImplementsVideoCodec), Slot(&F::SetOutputFile),
+      Slot(&F::SetMetaData),          Slot(&F::SetChapterMarkers),
+      Slot(&F::GetVideoPrivateData),  Slot(&F::GetFragmentDurations),
+      Slot(&F::SetDurationHint),      Slot(&F::SetEncodeAudio),
+      Slot(&F::SetEncodeVideo),       Slot(&F::SetAddHintTrack),
+      Slot(&F::GetProcessingAudio),   Slot(&F::GetProcessingImages),
+      Slot(&F::SetVideoCompressors),  Slot(&F::SetAudioCompressors),
+      Slot(&F::GetNextImageTime),     Slot(&F::GetNextInterestingTime),
+      Slot(&F::BeginFormatting),      Slot(&F::AddAudioSample),
+      Slot(&F::AddVideoSample),       Slot(&F::EndFormatting),
+      Slot(&F::GetDoAnotherPass),     Slot(&F::GetPassInfo),
+      Slot(&F::Reset),                Slot(&F::GetNumberFramesToBuffer),
+      Slot(&F::SetupVideoFormatter),  Slot(&F::GetOutputStreamMode),
+      Slot(&F::SetOutputStreamMode),  Slot(&F::IsUsingGPU),
+      Slot(&F::GetGpuIndex),          Slot(&F::GetClosedCaptionFormats),
+      Slot(&F::SetInputColorFormat),
+  };
+  for (long i = 0; i < static_cast<long>(std::size(slots)); ++i) EXPECT_EQ(slots[i], i) << "entry " << i + 1;
+  // The destructor pair sits in 37 and 38 (zero-based).
+  EXPECT_EQ(Slot(&F::GetSequenceParameterSet), 39);
+#else
+  GTEST_SKIP() << "member-pointer layout check written for x86";
+#endif
+}
+
+}  // namespace
