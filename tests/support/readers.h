@@ -1,0 +1,54 @@
+#pragma once
+// Running independent readers (ffprobe, ffmpeg, mkvmerge, mkvinfo, webm_info) over files we wrote.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kapsel_test {
+
+struct CommandResult {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs a command through /bin/sh; stdout and stderr are captured separately.
+CommandResult runCommand(const std::string& shellCommand);
+bool haveTool(const std::string& name);
+std::string shellQuote(const std::string& text);
+
+// A fresh directory under /tmp, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string path(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+struct ProbePacket {
+  int stream = -1;
+  std::string codecType;
+  int64_t ptsMs = INT64_MIN;  // INT64_MIN when the reader gives none
+  int64_t dtsMs = INT64_MIN;
+  int64_t size = 0;
+  bool key = false;
+};
+
+// Packets as ffprobe reports them; *error receives ffprobe's stderr (empty for a clean file).
+std::vector<ProbePacket> ffprobePackets(const std::string& file, std::string* error = nullptr);
+// The md5 of every packet of one stream, in order.
+std::vector<std::string> frameMd5(const std::string& file, int stream);
+std::string md5Hex(const unsigned char* data, size_t size);
+CommandResult mkvmergeJson(const std::string& file);
+CommandResult mkvinfo(const std::string& file);
+CommandResult webmInfo(const std::string& file);
+std::vector<unsigned char> readFile(const std::string& path);
+
+}  // namespace kapsel_test
