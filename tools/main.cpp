@@ -1,0 +1,76 @@
+// kapsel: mux media into Matroska/WebM through the formatter plug-in, inspect and optimise files.
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "tools/commands.h"
+
+namespace kapsel_cli {
+int fail(const std::string& message) {
+  std::cerr << "kapsel: " << message << "\n";
+  return 1;
+}
+}  // namespace kapsel_cli
+
+using namespace kapsel_cli;
+
+int main(int argc, char** argv) {
+  CLI::App app{"kapsel - write, inspect and optimise Matroska and WebM files"};
+  app.set_version_flag("--version", std::string("kapsel ") + KAPSEL_VERSION);
+  app.require_subcommand(1);
+
+  MuxOptions mux;
+  std::vector<std::string> metaArgs, chapterArgs;
+  auto* muxCmd = app.add_subcommand("mux", "Write the best video and audio streams of the inputs into one file");
+  muxCmd->add_option("inputs", mux.inputs, "Input media files (anything libavformat opens)")->required();
+  muxCmd->add_option("-o,--output", mux.output, "Output file (.webm gives WebM, anything else Matroska)")->required();
+  muxCmd->add_option("--format", mux.format, "Output kind regardless of the extension")->check(CLI::IsMember({"mkv", "webm"}));
+  muxCmd->add_option("--plugin", mux.plugin, "Formatter module to load");
+  muxCmd->add_flag("--no-video", mux.noVideo, "Leave video out");
+  muxCmd->add_flag("--no-audio", mux.noAudio, "Leave audio out");
+  muxCmd->add_option("--video-stream", mux.videoStream, "Index of the video stream (in the first input that has it)");
+  muxCmd->add_option("--audio-stream", mux.audioStream, "Index of the audio stream (in the first input that has it)");
+  muxCmd->add_option("--meta", metaArgs, "Metadata NAME=VALUE (repeatable)");
+  muxCmd->add_option("--chapter", chapterArgs, "Chapter SECONDS=NAME (repeatable)");
+  muxCmd->add_option("--keyframe-interval", mux.keyframeInterval, "Key-frame interval the compressor reports");
+  muxCmd->add_flag("-q,--quiet", mux.quiet, "No progress bar");
+
+  InfoOptions info;
+  auto* infoCmd = app.add_subcommand("info", "Print the element tree of a Matroska or WebM file");
+  infoCmd->add_option("file", info.file, "File to inspect")->required();
+  infoCmd->add_option("--depth", info.depth, "Deepest level printed (0 = top level only)");
+  infoCmd->add_flag("--no-blocks", info.noBlocks, "Leave blocks out");
+  infoCmd->add_flag("--json", info.json, "Print JSON");
+  infoCmd->add_flag("--seek-head", info.seekHead, "Load only what the seek head names");
+  infoCmd->add_flag("--progress", info.progress, "Print the loading progress line");
+
+  OptimizeOptions opt;
+  auto* optCmd = app.add_subcommand("optimize", "Drop padding and CRC-32 elements, re-lace blocks, and save");
+  optCmd->add_option("input", opt.input, "Input file")->required();
+  optCmd->add_option("output", opt.output, "Output file")->required();
+  optCmd->add_flag("--crc32", opt.crc32, "Write CRC-32 elements instead of optimising");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+
+  if (*muxCmd) {
+    for (const auto& m : metaArgs) {
+      const size_t eq = m.find('=');
+      if (eq == std::string::npos || eq == 0) return fail("--meta takes NAME=VALUE, not '" + m + "'");
+      mux.meta.emplace_back(m.substr(0, eq), m.substr(eq + 1));
+    }
+    for (const auto& c : chapterArgs) {
+      const size_t eq = c.find('=');
+      char* end = nullptr;
+      const double seconds = eq == std::string::npos ? -1 : std::strtod(c.substr(0, eq).c_str(), &end);
+      if (eq == std::string::npos || seconds < 0 || !end || *end) return fail("--chapter takes SECONDS=NAME, not '" + c + "'");
+      mux.chapters.emplace_back(seconds, c.substr(eq + 1));
+    }
+    return runMux(mux, argv[0]);
+  }
+  if (*infoCmd) return runInfo(info);
+  return runOptimize(opt);
+}

@@ -1,0 +1,552 @@
+// kapsel mux: plays the host for the formatter plug-in.
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+}
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "host_sdk/host_sdk.h"
+#include "host_sdk/plugin_api.h"
+#include "host_sdk/reference.h"
+#include "kapsel/kapsel.h"
+#include "tools/commands.h"
+
+namespace kapsel_cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Plugin {
+  void* handle = nullptr;
+  BXGetNumberFormattersFn count = nullptr;
+  BXGetFormatterInfoFn info = nullptr;
+  CreateFormatterFn create = nullptr;
+  ~Plugin() {
+    if (handle) dlclose(handle);
+  }
+};
+
+std::string findPlugin(const std::string& chosen, const std::string& programPath, std::string& error) {
+  std::vector<std::string> candidates;
+  if (!chosen.empty()) {
+    candidates.push_back(chosen);
+  } else {
+    if (const char* env = std::getenv("KAPSEL_PLUGIN")) candidates.push_back(env);
+    std::error_code ec;
+    fs::path self = fs::canonical("/proc/self/exe", ec);
+    if (ec) self = fs::absolute(programPath, ec);
+    const fs::path dir = self.parent_path();
+    candidates.push_back((dir / "kapsel_formatter.so").string());
+    candidates.push_back((dir / "../lib/kapsel/kapsel_formatter.so").string());
+    candidates.push_back((dir / "../formatter/kapsel_formatter.so").string());
+  }
+  for (const auto& c : candidates)
+    if (access(c.c_str(), R_OK) == 0) return c;
+  error = chosen.empty() ? "cannot find the formatter module kapsel_formatter.so (use --plugin PATH)"
+                         : "cannot read the formatter module " + chosen;
+  return "";
+}
+
+bool loadPlugin(Plugin& p, const std::string& path, std::string& error) {
+  p.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!p.handle) {
+    error = std::string("cannot load the formatter module: ") + dlerror();
+    return false;
+  }
+  p.count = reinterpret_cast<BXGetNumberFormattersFn>(dlsym(p.handle, "BXGetNumberFormatters"));
+  p.info = reinterpret_cast<BXGetFormatterInfoFn>(dlsym(p.handle, "BXGetFormatterInfo"));
+  p.create = reinterpret_cast<CreateFormatterFn>(dlsym(p.handle, "CreateFormatter"));
+  if (!p.count || !p.info || !p.create) {
+    error = path + " is not a formatter module";
+    return false;
+  }
+  return true;
+}
+
+struct Codec {
+  uint32_t maker = 0;
+  uint32_t code = 0;
+  const char* name = "";
+};
+
+Codec videoCodecFor(AVCodecID id) {
+  switch (id) {
+    case AV_CODEC_ID_VP8: return {FourCC("ON2!"), FourCC("VP8 "), "VP8"};
+    case AV_CODEC_ID_H264: return {FourCC("KVI "), FourCC("H264"), "H.264"};
+    case AV_CODEC_ID_MPEG4: return {FourCC("KVI "), FourCC("MP4V"), "MPEG-4 Part 2"};
+    default: return {0, 0, avcodec_get_name(id)};
+  }
+}
+
+Codec audioCodecFor(AVCodecID id) {
+  switch (id) {
+    case AV_CODEC_ID_VORBIS: return {FourCC("KVI "), FourCC("VRBS"), "Vorbis"};
+    case AV_CODEC_ID_AAC: return {FourCC("KVI "), FourCC("AAC "), "AAC"};
+    case AV_CODEC_ID_MP3: return {FourCC("KVI "), FourCC("MP3 "), "MP3"};
+    case AV_CODEC_ID_PCM_S16LE:
+    case AV_CODEC_ID_PCM_S24LE:
+    case AV_CODEC_ID_PCM_S32LE:
+    case AV_CODEC_ID_PCM_U8: return {FourCC("KVI "), FourCC("LPCM"), "PCM"};
+    default: return {0, 0, avcodec_get_name(id)};
+  }
+}
+
+std::string upperName(const char* name) {
+  std::string s = name;
+  for (auto& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
+const char* channelMode(int channels) {
+  switch (channels) {
+    case 1: return "Mono";
+    case 2: return "Stereo";
+    case 6: return "5.1";
+    case 7: return "6.1";
+    case 8: return "7.1";
+    default: return nullptr;
+  }
+}
+
+const std::map<std::string, std::string>& metadataNames() {
+  static const std::map<std::string, std::string> names = {
+      {"title", "Title"},         {"artist", "Artist"},       {"comment", "Comment"},
+      {"genre", "Genre"},         {"copyright", "Copyright"}, {"description", "Description"},
+      {"encoded_by", "Encoded_By"}, {"publisher", "Publisher"}, {"keywords", "Keywords"},
+      {"producer", "Producer"}};
+  return names;
+}
+
+bool technicalTag(const std::string& key) {
+  static const char* skip[] = {"encoder", "major_brand", "minor_version", "compatible_brands", "creation_time",
+                               "duration", "handler_name", "vendor_id", "language"};
+  for (const char* s : skip)
+    if (key == s) return true;
+  return false;
+}
+
+std::string lower(std::string s) {
+  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+struct Input {
+  AVFormatContext* fmt = nullptr;
+  AVPacket* pending = nullptr;  // the next packet of this input, read ahead for merging inputs
+  bool done = false;
+  ~Input() {
+    av_packet_free(&pending);
+    avformat_close_input(&fmt);
+  }
+};
+
+struct Selected {
+  int input = -1;
+  int stream = -1;
+  AVStream* st = nullptr;
+  Codec codec;
+  uint64_t frames = 0;
+  uint64_t bytes = 0;
+  bool sentConfig = false;
+  std::vector<uint8_t> config;
+  AVBSFContext* bsf = nullptr;
+  int64_t lastTime = 0;
+  ~Selected() { av_bsf_free(&bsf); }
+};
+
+std::string averr(int code) {
+  char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, buf, sizeof buf);
+  return buf;
+}
+
+// Splits Xiph-laced Vorbis extradata into its three header packets.
+bool vorbisHeaders(const uint8_t* data, size_t size, std::vector<std::vector<uint8_t>>& headers) {
+  if (size < 3 || data[0] != 2) return false;
+  size_t pos = 1;
+  size_t sizes[2] = {0, 0};
+  for (auto& s : sizes) {
+    while (pos < size && data[pos] == 255) s += data[pos++];
+    if (pos >= size) return false;
+    s += data[pos++];
+  }
+  if (sizes[0] + sizes[1] > size - pos) return false;
+  headers.assign({std::vector<uint8_t>(data + pos, data + pos + sizes[0]),
+                  std::vector<uint8_t>(data + pos + sizes[0], data + pos + sizes[0] + sizes[1]),
+                  std::vector<uint8_t>(data + pos + sizes[0] + sizes[1], data + size)});
+  return true;
+}
+
+// The written file must end with its Segment size patched; otherwise a write failed on the way.
+bool outputComplete(const std::string& path) {
+  Kapsel::FileStorage in(path, Kapsel::File::kReadOnly);
+  if (!in.file().isOpen()) return false;
+  const uint64_t fileSize = in.file().size();
+  if (Kapsel::loadEbmlId(in) != 0x1A45DFA3) return false;
+  unsigned n = 0;
+  const uint64_t headSize = Kapsel::vsizeDecode(in, n);
+  if (n == 0 || headSize == ~0ull) return false;
+  in.file().seek(static_cast<int64_t>(headSize), Kapsel::File::kRelativeToCurrent);
+  if (Kapsel::loadEbmlId(in) != 0x18538067) return false;
+  const uint64_t segSize = Kapsel::vsizeDecode(in, n);
+  const uint64_t payload = in.file().absolutePosition();
+  return n != 0 && segSize != ~0ull && payload + segSize == fileSize;
+}
+
+std::string humanBytes(double b) {
+  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  int u = 0;
+  while (b >= 1024 && u < 4) {
+    b /= 1024;
+    ++u;
+  }
+  char buf[32];
+  std::snprintf(buf, sizeof buf, u ? "%.1f %s" : "%.0f %s", b, units[u]);
+  return buf;
+}
+
+}  // namespace
+
+int runMux(const MuxOptions& o, const std::string& programPath) {
+  av_log_set_level(AV_LOG_ERROR);
+  // Output kind.
+  bool webm = o.format == "webm";
+  if (o.format.empty()) webm = lower(fs::path(o.output).extension().string()) == ".webm";
+  const uint32_t formatCode = webm ? FourCC("WEBM") : FourCC("MKV ");
+  const char* formatName = webm ? "WebM" : "Matroska";
+
+  // Inputs.
+  std::vector<std::unique_ptr<Input>> inputs;
+  for (const auto& path : o.inputs) {
+    auto in = std::make_unique<Input>();
+    int err = avformat_open_input(&in->fmt, path.c_str(), nullptr, nullptr);
+    if (err < 0) return fail("cannot read " + path + ": " + averr(err));
+    err = avformat_find_stream_info(in->fmt, nullptr);
+    if (err < 0) return fail("cannot read " + path + ": " + averr(err));
+    inputs.push_back(std::move(in));
+  }
+
+  Selected video, audio;
+  auto pick = [&](AVMediaType type, int wanted, Selected& sel) -> bool {
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      AVFormatContext* f = inputs[i]->fmt;
+      int idx = -1;
+      if (wanted >= 0) {
+        if (wanted < static_cast<int>(f->nb_streams) && f->streams[wanted]->codecpar->codec_type == type) idx = wanted;
+      } else {
+        idx = av_find_best_stream(f, type, -1, -1, nullptr, 0);
+      }
+      if (idx >= 0) {
+        sel.input = static_cast<int>(i);
+        sel.stream = idx;
+        sel.st = f->streams[idx];
+        return true;
+      }
+    }
+    return false;
+  };
+  if (!o.noVideo && !pick(AVMEDIA_TYPE_VIDEO, o.videoStream, video) && o.videoStream >= 0)
+    return fail("stream " + std::to_string(o.videoStream) + " is not a video stream");
+  if (!o.noAudio && !pick(AVMEDIA_TYPE_AUDIO, o.audioStream, audio) && o.audioStream >= 0)
+    return fail("stream " + std::to_string(o.audioStream) + " is not an audio stream");
+  if (!video.st && !audio.st) return fail("no usable video or audio stream in the input");
+
+  // The plug-in.
+  std::string error;
+  const std::string pluginPath = findPlugin(o.plugin, programPath, error);
+  if (pluginPath.empty()) return fail(error);
+  Plugin plugin;
+  if (!loadPlugin(plugin, pluginPath, error)) return fail(error);
+  uint32_t maker = 0;
+  bool offered = false;
+  for (uint32_t i = 0; i < plugin.count(); ++i) {
+    const uint32_t* code = nullptr;
+    plugin.info(i, &maker, &code, nullptr);
+    if (code && *code == formatCode) offered = true;
+  }
+  if (!offered) return fail(std::string("the formatter module does not write ") + formatName);
+  CAFormatter* formatter = plugin.create(maker, formatCode);
+  if (!formatter) return fail("the formatter module refused to create a formatter");
+  struct Releaser {
+    CAFormatter*& f;
+    ~Releaser() {
+      if (f) f->Release();
+    }
+  } releaser{formatter};
+
+  const std::string accepts =
+      webm ? "it accepts VP8 video and Vorbis audio"
+           : "it accepts VP8, H.264 and MPEG-4 Part 2 video and Vorbis, AAC, MP3 and PCM audio";
+  RefVideoCompressor vc;
+  RefAudioCompressor ac;
+  if (video.st) {
+    AVCodecParameters* p = video.st->codecpar;
+    video.codec = videoCodecFor(p->codec_id);
+    if (!video.codec.code || !formatter->SupportsVideoCodec(video.codec.maker, video.codec.code))
+      return fail(std::string(formatName) + " cannot hold " + upperName(video.codec.name) + " video; " + accepts);
+    if (p->codec_id == AV_CODEC_ID_H264 && (p->extradata_size < 7 || p->extradata[0] != 1))
+      return fail("H.264 without a decoder configuration record (Annex-B stream) is not supported; remux it into MP4 first");
+    if (p->extradata && p->extradata_size > 0) video.config.assign(p->extradata, p->extradata + p->extradata_size);
+    vc.params.maker = video.codec.maker;
+    vc.params.codec = video.codec.code;
+    vc.params.width = static_cast<uint32_t>(p->width);
+    vc.params.height = static_cast<uint32_t>(p->height);
+    AVRational rate = video.st->avg_frame_rate.num ? video.st->avg_frame_rate : video.st->r_frame_rate;
+    vc.params.frameRate = rate.num && rate.den ? av_q2d(rate) : 25.0;
+    vc.params.displayName = video.codec.name;
+    if (o.keyframeInterval) vc.params.keyFrameInterval = o.keyframeInterval;
+  }
+  std::vector<std::vector<uint8_t>> vorbis;
+  if (audio.st) {
+    AVCodecParameters* p = audio.st->codecpar;
+    audio.codec = audioCodecFor(p->codec_id);
+    if (!audio.codec.code || !formatter->SupportsAudioCodec(audio.codec.maker, audio.codec.code))
+      return fail(std::string(formatName) + " cannot hold " + upperName(audio.codec.name) + " audio; " + accepts);
+    const char* mode = channelMode(p->ch_layout.nb_channels);
+    if (!mode) return fail(std::to_string(p->ch_layout.nb_channels) + " audio channels are not supported (1, 2, 6, 7 or 8)");
+    if (p->codec_id == AV_CODEC_ID_VORBIS && !vorbisHeaders(p->extradata, static_cast<size_t>(p->extradata_size), vorbis))
+      return fail("the Vorbis stream has no usable header packets");
+    if (p->codec_id == AV_CODEC_ID_AAC) {
+      if (p->extradata && p->extradata_size > 0) {
+        audio.config.assign(p->extradata, p->extradata + p->extradata_size);
+      } else {
+        // ADTS: headers are stripped and the decoder configuration produced by libavcodec.
+        const AVBitStreamFilter* f = av_bsf_get_by_name("aac_adtstoasc");
+        if (!f || av_bsf_alloc(f, &audio.bsf) < 0 || avcodec_parameters_copy(audio.bsf->par_in, p) < 0 ||
+            (audio.bsf->time_base_in = audio.st->time_base, av_bsf_init(audio.bsf) < 0))
+          return fail("cannot convert the ADTS AAC stream");
+      }
+    }
+    ac.params.maker = audio.codec.maker;
+    ac.params.codec = audio.codec.code;
+    ac.params.sampleRate = static_cast<uint32_t>(p->sample_rate);
+    int bits = p->bits_per_coded_sample ? p->bits_per_coded_sample : av_get_bits_per_sample(p->codec_id);
+    ac.params.bitsPerSample = static_cast<uint32_t>(bits > 0 ? bits : 16);
+    ac.params.channelMode = mode;
+    ac.params.displayName = audio.codec.name;
+  }
+
+  // Output must be writable before anything is started.
+  {
+    const fs::path out(o.output);
+    std::error_code ec;
+    const fs::path dir = out.has_parent_path() ? out.parent_path() : fs::path(".");
+    if (!fs::is_directory(dir, ec)) return fail("cannot write " + o.output + ": no such directory");
+    if (fs::is_directory(out, ec)) return fail("cannot write " + o.output + ": it is a directory");
+  }
+
+  // Host configuration.
+  formatter->SetOutputFile(CKVString(o.output));
+  int64_t duration = 0;
+  for (auto& in : inputs)
+    if (in->fmt->duration != AV_NOPTS_VALUE) duration = std::max<int64_t>(duration, in->fmt->duration);
+  formatter->SetDurationHint(0, static_cast<uint64_t>(duration), AV_TIME_BASE);
+  Array_c<CAceNameValuePair> meta;
+  {
+    const AVDictionaryEntry* e = nullptr;
+    while ((e = av_dict_get(inputs[0]->fmt->metadata, "", e, AV_DICT_IGNORE_SUFFIX))) {
+      const std::string key = lower(e->key);
+      if (technicalTag(key)) continue;
+      auto it = metadataNames().find(key);
+      meta.Add(CAceNameValuePair(it != metadataNames().end() ? it->second : std::string(e->key), e->value));
+    }
+    for (const auto& m : o.meta) meta.Add(CAceNameValuePair(m.first, m.second));
+  }
+  if (meta.GetCount()) formatter->SetMetaData(&meta);
+  std::vector<std::unique_ptr<CAceMarker>> markers;
+  for (auto& in : inputs) {
+    for (unsigned i = 0; i < in->fmt->nb_chapters; ++i) {
+      const AVChapter* c = in->fmt->chapters[i];
+      const AVDictionaryEntry* t = av_dict_get(c->metadata, "title", nullptr, 0);
+      markers.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter,
+                                                     t ? t->value : "Chapter " + std::to_string(i + 1),
+                                                     static_cast<int64_t>(c->start) * c->time_base.num,
+                                                     static_cast<uint64_t>(c->time_base.den)));
+    }
+    if (!markers.empty()) break;
+  }
+  for (const auto& c : o.chapters)
+    markers.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, c.second, c.first));
+  std::stable_sort(markers.begin(), markers.end(),
+                   [](const auto& a, const auto& b) { return a->GetEncodedFrameTime() < b->GetEncodedFrameTime(); });
+  CAceMarkerPtrList markerList;
+  for (auto& m : markers) markerList.Add(m.get());
+  if (markers.size()) formatter->SetChapterMarkers(&markerList);
+  formatter->SetEncodeVideo(video.st != nullptr);
+  formatter->SetEncodeAudio(audio.st != nullptr);
+  Array_c<IVideoCompressor*> vcs;
+  if (video.st) vcs.Add(&vc);
+  formatter->SetVideoCompressors(vcs);
+  Array_c<IAudioCompressor*> acs;
+  if (audio.st) acs.Add(&ac);
+  formatter->SetAudioCompressors(acs);
+
+  const uint32_t begun = formatter->BeginFormatting();
+  if (begun == 0x8009000F) return fail("cannot open " + o.output + " for writing");
+  if (begun == 0x80090011) return fail("the formatter does not know the video codec " + std::string(video.codec.name));
+  if (begun == 0x80090012) return fail("the formatter does not know the audio codec " + std::string(audio.codec.name));
+  if (begun != 0) return fail("the formatter refused to start (result " + std::to_string(begun) + ")");
+
+  if (!vorbis.empty()) {
+    std::vector<RefAudioPacket> headers;
+    for (auto& h : vorbis) headers.push_back({h, 0, 1000});
+    KVAudio_t s = MakeAudioSample(headers);
+    formatter->AddAudioSample(&s);
+    ReleaseSample(s);
+  }
+
+  const bool progress = !o.quiet && isatty(2);
+  const auto started = std::chrono::steady_clock::now();
+  auto lastDraw = started;
+  uint64_t bytesIn = 0;
+  AVPacket* pkt = av_packet_alloc();
+  AVPacket* filtered = av_packet_alloc();
+  int readError = 0;
+
+  auto sendVideo = [&](AVPacket* p) {
+    const int64_t pts = p->pts != AV_NOPTS_VALUE ? p->pts : (p->dts != AV_NOPTS_VALUE ? p->dts : video.lastTime);
+    const int64_t dts = p->dts != AV_NOPTS_VALUE ? p->dts : pts;
+    video.lastTime = pts;
+    const AVRational tb = video.st->time_base;
+    const std::vector<uint8_t>* config = !video.sentConfig && !video.config.empty() ? &video.config : nullptr;
+    KVImage_t s = MakeVideoSample(p->data, static_cast<size_t>(p->size), pts * tb.num, static_cast<uint64_t>(tb.den),
+                                  (pts - dts) * tb.num, (p->flags & AV_PKT_FLAG_KEY) != 0, config);
+    video.sentConfig = true;
+    formatter->AddVideoSample(&s);
+    ReleaseSample(s);
+    ++video.frames;
+    video.bytes += static_cast<uint64_t>(p->size);
+  };
+  auto sendAudio = [&](AVPacket* p) {
+    const int64_t t = p->pts != AV_NOPTS_VALUE ? p->pts : (p->dts != AV_NOPTS_VALUE ? p->dts : audio.lastTime);
+    audio.lastTime = t;
+    const AVRational tb = audio.st->time_base;
+    if (audio.config.empty() && audio.bsf) {
+      size_t n = 0;
+      const uint8_t* side = av_packet_get_side_data(p, AV_PKT_DATA_NEW_EXTRADATA, &n);
+      if (side && n) audio.config.assign(side, side + n);
+      else if (audio.bsf->par_out->extradata_size > 0)
+        audio.config.assign(audio.bsf->par_out->extradata, audio.bsf->par_out->extradata + audio.bsf->par_out->extradata_size);
+    }
+    const std::vector<uint8_t>* config = !audio.sentConfig && !audio.config.empty() ? &audio.config : nullptr;
+    std::vector<RefAudioPacket> one{{std::vector<uint8_t>(p->data, p->data + p->size), t * tb.num, static_cast<uint64_t>(tb.den)}};
+    KVAudio_t s = MakeAudioSample(one, config);
+    if (config) audio.sentConfig = true;
+    formatter->AddAudioSample(&s);
+    ReleaseSample(s);
+    ++audio.frames;
+    audio.bytes += static_cast<uint64_t>(p->size);
+  };
+
+  // Packets of several inputs are merged in decode-time order.
+  auto fill = [&](Input& in) {
+    while (!in.done && !in.pending) {
+      AVPacket* p = av_packet_alloc();
+      const int err = av_read_frame(in.fmt, p);
+      if (err < 0) {
+        av_packet_free(&p);
+        in.done = true;
+        if (err != AVERROR_EOF) readError = err;
+        break;
+      }
+      in.pending = p;
+    }
+  };
+  auto timeOf = [](const Input& in) {
+    const AVPacket* p = in.pending;
+    const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
+    return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
+  };
+  for (;;) {
+    Input* next = nullptr;
+    int nextIndex = -1;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      fill(*inputs[i]);
+      if (inputs[i]->pending && (!next || timeOf(*inputs[i]) < timeOf(*next))) {
+        next = inputs[i].get();
+        nextIndex = static_cast<int>(i);
+      }
+    }
+    if (!next || readError) break;
+    av_packet_unref(pkt);
+    av_packet_move_ref(pkt, next->pending);
+    av_packet_free(&next->pending);
+    bytesIn += static_cast<uint64_t>(pkt->size);
+    if (nextIndex == video.input && pkt->stream_index == video.stream) {
+      sendVideo(pkt);
+    } else if (nextIndex == audio.input && pkt->stream_index == audio.stream) {
+      if (audio.bsf) {
+        if (av_bsf_send_packet(audio.bsf, pkt) < 0) continue;
+        while (av_bsf_receive_packet(audio.bsf, filtered) == 0) {
+          sendAudio(filtered);
+          av_packet_unref(filtered);
+        }
+      } else {
+        sendAudio(pkt);
+      }
+    }
+    if (progress) {
+      const auto now = std::chrono::steady_clock::now();
+      if (now - lastDraw > std::chrono::milliseconds(200)) {
+        lastDraw = now;
+        const double elapsed = std::chrono::duration<double>(now - started).count();
+        const double t = pkt->pts != AV_NOPTS_VALUE ? pkt->pts * av_q2d(next->fmt->streams[pkt->stream_index]->time_base) : 0;
+        const double total = duration > 0 ? duration / double(AV_TIME_BASE) : 0;
+        const double frac = total > 0 ? std::clamp(t / total, 0.0, 1.0) : 0;
+        const int width = 30;
+        const int filled = static_cast<int>(frac * width);
+        std::fprintf(stderr, "\r[%s%s] %5.1f%%  %7.1f MB/s  %s left   ", std::string(filled, '#').c_str(),
+                     std::string(width - filled, '.').c_str(), frac * 100, elapsed > 0 ? bytesIn / 1e6 / elapsed : 0.0,
+                     frac > 0.001 ? (std::to_string(static_cast<int>(elapsed / frac - elapsed)) + " s").c_str() : "?");
+      }
+    }
+  }
+  av_packet_free(&pkt);
+  av_packet_free(&filtered);
+  if (progress) std::fprintf(stderr, "\r%80s\r", "");
+
+  formatter->EndFormatting(nullptr);
+  formatter->Release();
+  formatter = nullptr;
+
+  if (readError) return fail("reading the input failed part-way: " + averr(readError));
+  if (video.frames + audio.frames == 0) return fail("the input holds no packets of the chosen streams");
+  if (!outputComplete(o.output)) return fail("writing " + o.output + " failed (disk full?)");
+
+  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  std::error_code ec;
+  const auto outSize = fs::file_size(o.output, ec);
+  std::ostringstream summary;
+  summary << "kapsel: wrote " << o.output << " (" << formatName << ", " << humanBytes(double(outSize)) << "): ";
+  if (video.st)
+    summary << "video " << video.codec.name << " " << video.frames << " frames, " << humanBytes(double(video.bytes));
+  if (video.st && audio.st) summary << "; ";
+  if (audio.st)
+    summary << "audio " << audio.codec.name << " " << audio.frames << " packets, " << humanBytes(double(audio.bytes));
+  char tail[128];
+  std::snprintf(tail, sizeof tail, "; duration %.3f s; %.2f s at %.1f MB/s.", duration / double(AV_TIME_BASE), elapsed,
+                elapsed > 0 ? bytesIn / 1e6 / elapsed : 0.0);
+  summary << tail;
+  if (!o.quiet) std::cerr << summary.str() << "\n";
+  return 0;
+}
+
+}  // namespace kapsel_cli
