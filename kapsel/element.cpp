@@ -262,7 +262,6 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
           payload.eval(finder);
           if (finder.found()) owner = &finder.found()->getPayload();
         }
-        v.discardReceipts();
         owner->voids().push_back(v);
         pass += nv;
         remaining -= std::min(nv, remaining);

@@ -113,6 +113,8 @@ class TreePrinter : public IElementCrawler {
   bool eval(IElement& e) override {
     if (o_.noBlocks && (e.getId() == 0xA3 || e.getId() == 0xA0 || e.getId() == 0xAF)) return false;
     ReceiptPtr r = e.storageReceipt();
+    // Members the file did not contain have no receipt: they are not shown.
+    if (!r) return false;
     std::string text;
     json value;
     const bool leaf = describe(e, text, value);
@@ -132,14 +134,29 @@ class TreePrinter : public IElementCrawler {
       if (e.shouldComputeCrc32()) out_ << (e.crc32Matched() ? " (CRC-32 ok)" : " (CRC-32 MISMATCH)");
       out_ << "\n";
     }
+    bool stop = false;
+    if (!leaf && (o_.depth < 0 || depth_ < o_.depth)) stop = descend(e);
+    // Voids kept with an element follow it.
     for (const auto& v : e.getPayload().voids()) {
       ReceiptPtr vr = v.storageReceipt();
-      if (o_.json) continue;
+      if (o_.json) {
+        json node{{"name", "Void"}, {"id", "0xEC"}};
+        if (vr) {
+          node["position"] = vr->position();
+          node["size"] = vr->numBytes();
+        }
+        stack_.back().push_back(node);
+        continue;
+      }
       out_ << indent(2 * static_cast<unsigned>(depth_)) << "Void [0xEC]";
       if (vr) out_ << " @" << vr->position() << " size " << vr->numBytes();
       out_ << "\n";
     }
-    if (leaf || (o_.depth >= 0 && depth_ >= o_.depth)) return false;
+    return stop;
+  }
+
+ private:
+  bool descend(IElement& e) {
     ++depth_;
     if (o_.json) stack_.push_back(json::array());
     const bool stop = evalPayload(e.getPayload());
@@ -151,6 +168,8 @@ class TreePrinter : public IElementCrawler {
     --depth_;
     return stop;
   }
+
+ public:
   json result() const { return stack_.front(); }
 
  private:
