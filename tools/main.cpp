@@ -65,7 +65,8 @@ int main(int argc, char** argv) {
     for (const auto& c : chapterArgs) {
       const size_t eq = c.find('=');
       char* end = nullptr;
-      const double seconds = eq == std::string::npos ? -1 : std::strtod(c.substr(0, eq).c_str(), &end);
+      const std::string number = eq == std::string::npos ? "" : c.substr(0, eq);
+      const double seconds = number.empty() ? -1 : std::strtod(number.c_str(), &end);
       if (eq == std::string::npos || seconds < 0 || !end || *end) return fail("--chapter takes SECONDS=NAME, not '" + c + "'");
       mux.chapters.emplace_back(seconds, c.substr(eq + 1));
     }

@@ -115,19 +115,23 @@ std::vector<ProbePacket> ffprobePackets(const std::string& file, std::string* er
   return packets;
 }
 
-std::vector<std::string> frameMd5(const std::string& file, int stream) {
+std::vector<std::string> frameMd5(const std::string& file, int stream, const std::string& extra) {
   std::vector<std::string> sums;
   CommandResult r = runCommand("ffmpeg -v error -i " + shellQuote(file) + " -map 0:" + std::to_string(stream) +
-                               " -c copy -f framemd5 -");
+                               " -c copy " + extra + " -f framemd5 -");
   std::istringstream lines(r.out);
   std::string line;
   while (std::getline(lines, line)) {
     if (line.empty() || line[0] == '#') continue;
-    const size_t comma = line.rfind(',');
-    if (comma == std::string::npos) continue;
-    std::string sum = line.substr(comma + 1);
-    sum.erase(0, sum.find_first_not_of(' '));
-    sums.push_back(sum);
+    // stream, dts, pts, duration, size, md5[, side data…]
+    std::vector<std::string> fields;
+    std::istringstream cols(line);
+    std::string field;
+    while (std::getline(cols, field, ',')) {
+      field.erase(0, field.find_first_not_of(' '));
+      fields.push_back(field);
+    }
+    if (fields.size() >= 6) sums.push_back(fields[5]);
   }
   return sums;
 }

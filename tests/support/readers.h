@@ -43,8 +43,8 @@ struct ProbePacket {
 
 // Packets as ffprobe reports them; *error receives ffprobe's stderr (empty for a clean file).
 std::vector<ProbePacket> ffprobePackets(const std::string& file, std::string* error = nullptr);
-// The md5 of every packet of one stream, in order.
-std::vector<std::string> frameMd5(const std::string& file, int stream);
+// The md5 of every packet of one stream, in order; extra ffmpeg arguments go before the output (a bitstream filter).
+std::vector<std::string> frameMd5(const std::string& file, int stream, const std::string& extra = "");
 std::string md5Hex(const unsigned char* data, size_t size);
 CommandResult mkvmergeJson(const std::string& file);
 CommandResult mkvinfo(const std::string& file);

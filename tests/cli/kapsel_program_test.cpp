@@ -1,0 +1,245 @@
+// End-to-end: the kapsel program muxes real clips through the plug-in; independent readers compare.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "support/readers.h"
+
+using namespace kapsel_test;
+
+namespace {
+
+const std::string kProgram = KAPSEL_CLI;
+
+CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(kProgram) + " " + args); }
+
+// Generates a clip with ffmpeg's test sources; empty when this ffmpeg lacks an encoder.
+std::string makeClip(const TempDir& dir, const std::string& name, const std::string& codecArgs,
+                     double seconds = 2.0, const std::string& extraInputs = "") {
+  const std::string path = dir.path(name);
+  const std::string d = std::to_string(seconds);
+  CommandResult r = runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + d +
+                               " -f lavfi -i sine=frequency=440:duration=" + d + " " + extraInputs + " " +
+                               codecArgs + " " + shellQuote(path));
+  return r.exitCode == 0 ? path : "";
+}
+
+std::vector<std::string> sums(const std::string& file, int stream) { return frameMd5(file, stream); }
+
+// Same frames byte for byte, in the same order, for every stream of the input.
+void expectSameFrames(const std::string& in, const std::string& out, int streams) {
+  for (int s = 0; s < streams; ++s) {
+    const auto a = sums(in, s), b = sums(out, s);
+    ASSERT_FALSE(a.empty()) << "stream " << s;
+    EXPECT_EQ(a, b) << "stream " << s << " of " << out;
+  }
+}
+
+std::vector<int64_t> ptsOf(const std::vector<ProbePacket>& packets, const std::string& type) {
+  std::vector<int64_t> t;
+  for (const auto& p : packets)
+    if (p.codecType == type) t.push_back(p.ptsMs);
+  std::sort(t.begin(), t.end());
+  return t;
+}
+
+}  // namespace
+
+TEST(KapselMux, WebmFromVp8VorbisKeepsEveryFrameAndTimestamp) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -g 25 -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  const std::string out = dir.path("out.webm");
+  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  expectSameFrames(in, out, 2);
+  std::string err;
+  const auto a = ffprobePackets(in), b = ffprobePackets(out, &err);
+  EXPECT_EQ(err, "");
+  EXPECT_EQ(ptsOf(a, "video"), ptsOf(b, "video"));
+  EXPECT_EQ(ptsOf(a, "audio"), ptsOf(b, "audio"));
+  CommandResult w = webmInfo(out);
+  EXPECT_EQ(w.exitCode, 0);
+  EXPECT_EQ(w.out.find("Not supported"), std::string::npos);
+  EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
+}
+
+TEST(KapselMux, MatroskaFromH264WithBFramesAndAac) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.mp4", "-c:v libx264 -preset veryfast -bf 2 -c:a aac");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode H.264/AAC here";
+  const std::string out = dir.path("out.mkv");
+  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  expectSameFrames(in, out, 2);
+  std::string err;
+  const auto b = ffprobePackets(out, &err);
+  EXPECT_EQ(err, "");
+  // Video frames keep their presentation times (key frames are never laced).
+  const auto av = ptsOf(ffprobePackets(in), "video");
+  auto bv = ptsOf(b, "video");
+  EXPECT_EQ(av.front(), bv.front());
+  nlohmann::json j = nlohmann::json::parse(mkvmergeJson(out).out, nullptr, false);
+  ASSERT_FALSE(j.is_discarded());
+  EXPECT_EQ(j["tracks"][0]["codec"], "AVC/H.264/MPEG-4p10");
+}
+
+TEST(KapselMux, OtherCodecsIntoMatroska) {
+  TempDir dir;
+  struct Case {
+    const char* name;
+    const char* args;
+    int streams;
+  } cases[] = {{"asp.avi", "-c:v mpeg4 -c:a libmp3lame", 2},
+               {"pcm.wav", "-map 1:a -c:a pcm_s16le", 1},
+               {"adts.aac", "-map 1:a -c:a aac", 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string in = makeClip(dir, c.name, c.args);
+    if (in.empty()) continue;
+    const std::string out = dir.path(std::string(c.name) + ".mkv");
+    CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::string err;
+    ffprobePackets(out, &err);
+    EXPECT_EQ(err, "");
+    // ADTS headers are not part of a Matroska frame: the input is read through the same conversion.
+    const std::string extra = std::string(c.name) == "adts.aac" ? "-bsf:a aac_adtstoasc" : "";
+    for (int s = 0; s < c.streams; ++s) EXPECT_EQ(frameMd5(in, s, extra), sums(out, s)) << "stream " << s;
+    EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
+  }
+}
+
+TEST(KapselMux, ChaptersAndMetadataReachTheFile) {
+  TempDir dir;
+  {
+    std::ofstream meta(dir.path("meta.txt"));
+    meta << ";FFMETADATA1\ntitle=Clip title\nartist=Someone\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=500\nEND=1500\n"
+            "title=Middle\n";
+  }
+  const std::string in = makeClip(dir, "in.mkv", "-map 0:v -map 1:a -map_metadata 2 -map_chapters 2 -c:v libvpx -c:a libvorbis",
+                                  2.0, "-i " + shellQuote(dir.path("meta.txt")));
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  const std::string out = dir.path("out.mkv");
+  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out) + " --meta Genre=Test --chapter 1.25=Extra");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  CommandResult probe = runCommand("ffprobe -v error -show_chapters -show_format -of json " + shellQuote(out));
+  nlohmann::json j = nlohmann::json::parse(probe.out, nullptr, false);
+  ASSERT_FALSE(j.is_discarded());
+  const auto& chapters = j["chapters"];
+  ASSERT_EQ(chapters.size(), 3u);  // "Intro" at 0 comes first
+  EXPECT_EQ(chapters[0]["tags"]["title"], "Intro");
+  EXPECT_EQ(chapters[1]["tags"]["title"], "Middle");
+  EXPECT_EQ(chapters[1]["start_time"], "0.500000");
+  EXPECT_EQ(chapters[2]["tags"]["title"], "Extra");
+  const auto& tags = j["format"]["tags"];
+  EXPECT_EQ(tags["TITLE"], "Clip title");
+  EXPECT_EQ(tags["ARTIST"], "Someone");
+  EXPECT_EQ(tags["GENRE"], "Test");
+}
+
+TEST(KapselMux, RefusalsAndFailuresSayOneLineAndExitNonZero) {
+  TempDir dir;
+  const std::string vp8 = makeClip(dir, "in.webm", "-c:v libvpx -c:a libvorbis");
+  if (vp8.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  // The last line says what went wrong (the plug-in may print its summary before it).
+  auto oneLine = [](const CommandResult& r) {
+    EXPECT_NE(r.exitCode, 0);
+    std::string err = r.err;
+    while (!err.empty() && err.back() == '\n') err.pop_back();
+    const std::string last = err.substr(err.rfind('\n') == std::string::npos ? 0 : err.rfind('\n') + 1);
+    EXPECT_EQ(last.rfind("kapsel: ", 0), 0u) << r.err;
+  };
+  const std::string opus = makeClip(dir, "opus.mkv", "-map 1:a -c:a libopus");
+  if (!opus.empty()) {
+    CommandResult r = kapsel("mux -q " + shellQuote(opus) + " -o " + shellQuote(dir.path("x.webm")));
+    oneLine(r);
+    EXPECT_NE(r.err.find("OPUS"), std::string::npos) << r.err;
+    EXPECT_FALSE(std::ifstream(dir.path("x.webm")).good()) << "nothing may be written";
+  }
+  oneLine(kapsel("mux -q " + shellQuote(dir.path("missing.mp4")) + " -o " + shellQuote(dir.path("y.mkv"))));
+  {
+    std::ofstream junk(dir.path("junk.mkv"), std::ios::binary);
+    junk << std::string(5000, '\x42');
+  }
+  oneLine(kapsel("mux -q " + shellQuote(dir.path("junk.mkv")) + " -o " + shellQuote(dir.path("z.mkv"))));
+  oneLine(kapsel("mux -q " + shellQuote(vp8) + " -o /nonexistent-dir/out.webm"));
+  oneLine(kapsel("mux -q " + shellQuote(vp8) + " -o /dev/full"));
+  oneLine(kapsel("info " + shellQuote(dir.path("junk.mkv"))));
+}
+
+TEST(KapselInfo, ReadsFilesOfOtherMuxersAndItsJsonParses) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  std::vector<std::string> files{in};
+  if (runCommand("mkvmerge -q -o " + shellQuote(dir.path("mm.mkv")) + " " + shellQuote(in)).exitCode == 0)
+    files.push_back(dir.path("mm.mkv"));
+  for (const auto& f : files) {
+    SCOPED_TRACE(f);
+    CommandResult text = kapsel("info " + shellQuote(f));
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_NE(text.out.find("Segment [0x18538067]"), std::string::npos);
+    EXPECT_NE(text.out.find("keyframe"), std::string::npos);
+    CommandResult js = kapsel("info --json " + shellQuote(f));
+    ASSERT_EQ(js.exitCode, 0);
+    nlohmann::json j = nlohmann::json::parse(js.out, nullptr, false);
+    ASSERT_FALSE(j.is_discarded());
+    EXPECT_EQ(j["elements"][0]["name"], "EBML");
+    EXPECT_EQ(j["elements"][1]["name"], "Segment");
+    EXPECT_EQ(j["size"].get<uint64_t>(), readFile(f).size());
+    CommandResult viaSeek = kapsel("info --seek-head --depth 1 " + shellQuote(f));
+    EXPECT_EQ(viaSeek.exitCode, 0) << viaSeek.err;
+  }
+}
+
+TEST(KapselOptimize, OutputKeepsEveryFrame) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.mkv", "-c:v libvpx -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  const std::string opt = dir.path("opt.mkv"), crc = dir.path("crc.mkv");
+  CommandResult r = kapsel("optimize " + shellQuote(in) + " " + shellQuote(opt));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  expectSameFrames(in, opt, 2);
+  EXPECT_EQ(mkvmergeJson(opt).exitCode, 0);
+  r = kapsel("optimize --crc32 " + shellQuote(opt) + " " + shellQuote(crc));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  expectSameFrames(in, crc, 2);
+  CommandResult info = kapsel("info --depth 1 " + shellQuote(crc));
+  EXPECT_NE(info.out.find("CRC-32 ok"), std::string::npos);
+  EXPECT_EQ(info.out.find("MISMATCH"), std::string::npos);
+}
+
+TEST(KapselInstall, ConsumerBuildsAgainstTheInstalledTree) {
+  TempDir dir;
+  const std::string prefix = dir.path("prefix");
+  CommandResult inst = runCommand("cmake --install " + shellQuote(KAPSEL_BINARY_DIR) + " --prefix " + shellQuote(prefix));
+  ASSERT_EQ(inst.exitCode, 0) << inst.err;
+  const std::string src = dir.path("consumer");
+  runCommand("mkdir -p " + shellQuote(src));
+  {
+    std::ofstream cm(src + "/CMakeLists.txt");
+    cm << "cmake_minimum_required(VERSION 3.25)\nproject(consumer CXX)\nfind_package(Kapsel REQUIRED)\n"
+          "add_executable(consumer main.cpp)\ntarget_link_libraries(consumer Kapsel::kapsel)\n";
+    std::ofstream main(src + "/main.cpp");
+    main << "#include \"kapsel/kapsel.h\"\n#include <cstdio>\nint main() { unsigned char b[8];\n"
+            "  return Kapsel::vsizeEncode(127, b) == 2 && b[0] == 0x40 ? 0 : 1; }\n";
+  }
+  // The tree may have been built with sanitizers: the consumer links with the same ones.
+  CommandResult cache = runCommand("grep -c 'KAPSEL_SANITIZE:BOOL=ON' " + shellQuote(std::string(KAPSEL_BINARY_DIR) + "/CMakeCache.txt"));
+  const std::string flags = cache.out.rfind("1", 0) == 0 ? "-DCMAKE_CXX_FLAGS=-fsanitize=address,undefined" : "";
+  CommandResult conf = runCommand("cmake -S " + shellQuote(src) + " -B " + shellQuote(src + "/build") + " " + flags +
+                                  " -DCMAKE_PREFIX_PATH=" + shellQuote(prefix));
+  ASSERT_EQ(conf.exitCode, 0) << conf.out << conf.err;
+  CommandResult build = runCommand("cmake --build " + shellQuote(src + "/build"));
+  ASSERT_EQ(build.exitCode, 0) << build.out << build.err;
+  EXPECT_EQ(runCommand(shellQuote(src + "/build/consumer")).exitCode, 0);
+  CommandResult pc = runCommand("PKG_CONFIG_PATH=" + shellQuote(prefix + "/lib/pkgconfig") + " pkg-config --cflags --libs kapsel");
+  EXPECT_EQ(pc.exitCode, 0);
+  EXPECT_NE(pc.out.find("-lkapsel"), std::string::npos);
+  EXPECT_EQ(runCommand("test -x " + shellQuote(prefix + "/bin/kapsel") + " && test -f " +
+                       shellQuote(prefix + "/lib/kapsel/kapsel_formatter.so")).exitCode, 0);
+}
