@@ -10,6 +10,9 @@ namespace {
 constexpr uint64_t kIdCrc32 = 0xBF;
 constexpr uint64_t kIdVoid = 0xEC;
 constexpr uint64_t kCrc32ElementSize = 6;  // ID 0xBF, size 0x84, four value bytes
+// Added to the size offered to a master's payload of unknown size: it then ends at the first
+// element that cannot be its child, and still within the rest of the size offered.
+constexpr uint64_t kOpenEnded = 1ull << 63;
 
 ReceiptPtr saveId(IStorage& storage, uint64_t id) {
   unsigned char buffer[8];
@@ -213,14 +216,9 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
   const bool unknown = size == ~0ull;
   // Only masters may leave their size open.
   if (unknown && !getPayload().isComposite()) return 0;
-  if (!unknown) {
-    // A size running past its parent or the file is cut to what is there.
-    size = std::min(size, bytesToRead - headerBytes);
-    size = std::min(size, remainingInFile(storage));
-  } else {
-    // Open-ended: the payload reads up to the first element that cannot be its child.
-    size = ~0ull - 1;
-  }
+  // A size running past its parent or the file is cut to what is there; an open one too.
+  size = std::min(size, bytesToRead - headerBytes);
+  size = std::min(size, remainingInFile(storage));
   guard.doNotRestore();
   receipt_ = start;
   receipt_->add(headerBytes);
@@ -247,7 +245,7 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
       }
       pass = n;
     }
-    if (pass == 0) pass = payload.load(storage, remaining, delegate);
+    if (pass == 0) pass = payload.load(storage, unknown ? kOpenEnded + remaining : remaining, delegate);
     loadedPayload = pass > 0;
     pass = std::min(pass, remaining);
     remaining -= pass;
@@ -426,7 +424,8 @@ uint64_t eltsLoad(EbmlMaster& master, FileStorage& storage, uint64_t bytesToRead
   File& file = storage.file();
   uint64_t consumed = 0;
   // An open-ended payload ends at the first element that cannot be one of its children.
-  const bool openEnded = bytesToRead >= (~0ull >> 1);
+  const bool openEnded = bytesToRead >= kOpenEnded;
+  if (openEnded) bytesToRead -= kOpenEnded;
   while (consumed < bytesToRead) {
     const uint64_t here = file.absolutePosition();
     if (here >= file.size()) break;

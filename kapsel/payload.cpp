@@ -161,7 +161,9 @@ uint64_t VEltPosition::calcSize() const {
   if (elt_) {
     ReceiptPtr target = elt_->storageReceipt();
     if (target) {
-      if (receipt_) return receipt_->numBytes();
+      // The held width, unless the target has since moved beyond it: never fewer bytes than save writes.
+      if (receipt_)
+        return std::max<uint64_t>(receipt_->numBytes(), uintNumBytes(target->position() - getOriginPosition()));
       return uintNumBytes(target->position());
     }
   }
