@@ -12,30 +12,15 @@
 #include "kapsel/file.h"
 #include "kapsel/payload.h"
 #include "kapsel/storage.h"
+#include "support/readers.h"
 
 namespace {
 
 using namespace Kapsel;
 using Bytes = std::vector<unsigned char>;
 
-Bytes readFile(const std::string& path) {
-  Bytes bytes;
-  if (FILE* f = std::fopen(path.c_str(), "rb")) {
-    int c;
-    while ((c = std::fgetc(f)) != EOF) bytes.push_back(static_cast<unsigned char>(c));
-    std::fclose(f);
-  }
-  return bytes;
-}
-
-void writeFile(const std::string& path, const Bytes& bytes) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  if (!bytes.empty()) {
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-  }
-  std::fclose(f);
-}
+using kapsel_test::readFile;
+using kapsel_test::writeFile;
 
 KAPSEL_ELT_NAME(0x4286, "Number");
 KAPSEL_ELT_NAME(0x4282, "Text");

@@ -50,5 +50,7 @@ CommandResult mkvmergeJson(const std::string& file);
 CommandResult mkvinfo(const std::string& file);
 CommandResult webmInfo(const std::string& file);
 std::vector<unsigned char> readFile(const std::string& path);
+// Replaces the file with exactly these bytes; a failure fails the running test.
+void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
 
 }  // namespace kapsel_test
