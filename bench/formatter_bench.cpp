@@ -3,7 +3,6 @@
 //
 //   formatter_bench [--gib=N] [--minutes=M] [benchmark flags]
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 
 #include <chrono>
 #include <cstdio>
@@ -15,7 +14,7 @@
 #include <vector>
 
 #include "host_sdk/fourcc.h"
-#include "host_sdk/plugin_api.h"
+#include "host_sdk/plugin_module.h"
 #include "host_sdk/reference.h"
 
 namespace {
@@ -23,32 +22,10 @@ namespace {
 double gTotalGiB = 1.0;
 int gMinutes = 60;
 
-struct Module {
-  void* handle = nullptr;
-  CreateFormatterFn create = nullptr;
-  BXGetNumberFormattersFn count = nullptr;
-  BXGetFormatterInfoFn info = nullptr;
-  Module() {
-    handle = dlopen(KAPSEL_FORMATTER_MODULE, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) return;
-    create = reinterpret_cast<CreateFormatterFn>(dlsym(handle, "CreateFormatter"));
-    count = reinterpret_cast<BXGetNumberFormattersFn>(dlsym(handle, "BXGetNumberFormatters"));
-    info = reinterpret_cast<BXGetFormatterInfoFn>(dlsym(handle, "BXGetFormatterInfo"));
-  }
-  CAFormatter* webm() const {
-    if (!create || !count || !info) return nullptr;
-    for (uint32_t i = 0; i < count(); ++i) {
-      uint32_t maker = 0;
-      const uint32_t* code = nullptr;
-      info(i, &maker, &code, nullptr);
-      if (code && *code == FourCC("WEBM")) return create(maker, *code);
-    }
-    return nullptr;
-  }
-};
-
-const Module& module() {
-  static Module m;
+const PluginModule& module() {
+  static PluginModule m;
+  static const bool opened = m.open(KAPSEL_FORMATTER_MODULE);
+  (void)opened;
   return m;
 }
 
@@ -103,7 +80,7 @@ using Clock = std::chrono::steady_clock;
 // Feeds `streamSeconds` of stream to a WebM formatter writing `path`, or the same bytes to `baseline` with fwrite.
 MuxResult mux(const std::string& path, double streamSeconds, size_t averageVideo, FILE* baseline) {
   MuxResult r;
-  CAFormatter* f = baseline ? nullptr : module().webm();
+  CAFormatter* f = baseline ? nullptr : module().createFor(FourCC("WEBM"));
   if (!baseline && !f) return r;
   double inside = 0;
   auto timed = [&](auto&& call) {

@@ -1,6 +1,5 @@
 // kapsel mux: plays the host for the formatter plug-in.
 
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,7 +22,7 @@ extern "C" {
 #include <sstream>
 
 #include "host_sdk/host_sdk.h"
-#include "host_sdk/plugin_api.h"
+#include "host_sdk/plugin_module.h"
 #include "host_sdk/reference.h"
 #include "kapsel/kapsel.h"
 #include "tools/commands.h"
@@ -33,16 +32,6 @@ namespace kapsel_cli {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Plugin {
-  void* handle = nullptr;
-  BXGetNumberFormattersFn count = nullptr;
-  BXGetFormatterInfoFn info = nullptr;
-  CreateFormatterFn create = nullptr;
-  ~Plugin() {
-    if (handle) dlclose(handle);
-  }
-};
 
 std::string findPlugin(const std::string& chosen, const std::string& programPath, std::string& error) {
   std::vector<std::string> candidates;
@@ -63,22 +52,6 @@ std::string findPlugin(const std::string& chosen, const std::string& programPath
   error = chosen.empty() ? "cannot find the formatter module kapsel_formatter.so (use --plugin PATH)"
                          : "cannot read the formatter module " + chosen;
   return "";
-}
-
-bool loadPlugin(Plugin& p, const std::string& path, std::string& error) {
-  p.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!p.handle) {
-    error = std::string("cannot load the formatter module: ") + dlerror();
-    return false;
-  }
-  p.count = reinterpret_cast<BXGetNumberFormattersFn>(dlsym(p.handle, "BXGetNumberFormatters"));
-  p.info = reinterpret_cast<BXGetFormatterInfoFn>(dlsym(p.handle, "BXGetFormatterInfo"));
-  p.create = reinterpret_cast<CreateFormatterFn>(dlsym(p.handle, "CreateFormatter"));
-  if (!p.count || !p.info || !p.create) {
-    error = path + " is not a formatter module";
-    return false;
-  }
-  return true;
 }
 
 struct Codec {
@@ -273,17 +246,10 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   std::string error;
   const std::string pluginPath = findPlugin(o.plugin, programPath, error);
   if (pluginPath.empty()) return fail(error);
-  Plugin plugin;
-  if (!loadPlugin(plugin, pluginPath, error)) return fail(error);
-  uint32_t maker = 0;
-  bool offered = false;
-  for (uint32_t i = 0; i < plugin.count(); ++i) {
-    const uint32_t* code = nullptr;
-    plugin.info(i, &maker, &code, nullptr);
-    if (code && *code == formatCode) offered = true;
-  }
-  if (!offered) return fail(std::string("the formatter module does not write ") + formatName);
-  CAFormatter* formatter = plugin.create(maker, formatCode);
+  PluginModule plugin;
+  if (!plugin.open(pluginPath, &error)) return fail(error);
+  if (!plugin.findMaker(formatCode, nullptr)) return fail(std::string("the formatter module does not write ") + formatName);
+  CAFormatter* formatter = plugin.createFor(formatCode);
   if (!formatter) return fail("the formatter module refused to create a formatter");
   struct Releaser {
     CAFormatter*& f;
