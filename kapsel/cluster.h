@@ -77,6 +77,8 @@ class CuePoint : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0xB3, "CueTime");
   KAPSEL_ELT_NAME(0xB7, "CueTrackPosition");
+  // Readers drop a cue point without its time, and the first one is usually at 0.
+  CuePoint() { time_.alwaysSave(); }
   TElt<VUInt, 0xB3, EltName0xB3> time_;
   TEltList<TElt<CueTrkPos, 0xB7, EltName0xB7>> positions_;
   KAPSEL_CHILDREN(time_, positions_);

@@ -10,7 +10,8 @@
 
 namespace Kapsel {
 
-enum TFileFormat { kFileFormatMatroska = 0, kFileFormatWebm = 1 };
+// A fixed underlying type keeps any other value well-defined: it behaves as Matroska.
+enum TFileFormat : int { kFileFormatMatroska = 0, kFileFormatWebm = 1 };
 
 class EbmlHead : public EbmlMaster {
  public:

@@ -126,7 +126,12 @@ void TCache::truncate(uint64_t newSize) {
       lines_[linesInUse_ - 1] = nullptr;
       --linesInUse_;
     } else if (line->head == t) {
+      // Bytes cut off must not come back if the file is lengthened again.
+      if (line->tail > newSize) std::memset(line->data.data() + (newSize - t), 0, line->tail - newSize);
       line->tail = newSize;
+    } else if (line->tail < line->head + lineSize_) {
+      // The file was lengthened past this short line: all of it is now inside the file.
+      line->tail = line->head + lineSize_;
     }
   }
 }
