@@ -1,0 +1,762 @@
+// Whole documents: the EBML header, save and load of full segments, references, CRC-32,
+// files written by other muxers, the optimiser, and damaged input.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kapsel/kapsel.h"
+#include "support/readers.h"
+
+namespace {
+
+using namespace Kapsel;
+using namespace kapsel_test;
+using Bytes = std::vector<unsigned char>;
+
+// ---------------------------------------------------------------- an independent look at the bytes
+
+struct RawElt {
+  uint64_t id = 0;
+  size_t start = 0, payload = 0, end = 0;
+  bool open = false;  // all-ones size
+};
+
+// One element header at pos; an unknown size runs to the limit.
+bool rawElement(const Bytes& b, size_t pos, size_t limit, RawElt& e) {
+  if (pos >= limit) return false;
+  unsigned idLen = 1;
+  while (idLen <= 4 && !(b[pos] & (0x80 >> (idLen - 1)))) ++idLen;
+  if (idLen > 4 || pos + idLen >= limit) return false;
+  e.id = 0;
+  for (unsigned i = 0; i < idLen; ++i) e.id = e.id << 8 | b[pos + i];
+  const size_t p = pos + idLen;
+  unsigned sl = 1;
+  while (sl <= 8 && !(b[p] & (0x80 >> (sl - 1)))) ++sl;
+  if (sl > 8 || p + sl > limit) return false;
+  uint64_t size = b[p] & (0xFF >> sl);
+  bool unknown = size == (0xFFu >> sl);
+  for (unsigned i = 1; i < sl; ++i) {
+    size = size << 8 | b[p + i];
+    unknown = unknown && b[p + i] == 0xFF;
+  }
+  e.start = pos;
+  e.payload = p + sl;
+  e.open = unknown;
+  e.end = unknown ? limit : static_cast<size_t>(std::min<uint64_t>(limit, e.payload + size));
+  return true;
+}
+
+size_t sizeFieldAt(const RawElt& e) {
+  return e.start + (e.id > 0xFFFFFF ? 4 : e.id > 0xFFFF ? 3 : e.id > 0xFF ? 2 : 1);
+}
+
+std::vector<RawElt> rawChildren(const Bytes& b, size_t from, size_t to) {
+  std::vector<RawElt> out;
+  RawElt e;
+  while (from < to && rawElement(b, from, to, e)) {
+    out.push_back(e);
+    from = e.end;
+  }
+  return out;
+}
+
+std::vector<RawElt> rawChildren(const Bytes& b, const RawElt& parent) {
+  return rawChildren(b, parent.payload, parent.end);
+}
+
+const RawElt* rawChild(const std::vector<RawElt>& kids, uint64_t id) {
+  for (const auto& k : kids)
+    if (k.id == id) return &k;
+  return nullptr;
+}
+
+uint64_t rawUInt(const Bytes& b, const RawElt& e) {
+  uint64_t v = 0;
+  for (size_t i = e.payload; i < e.end; ++i) v = v << 8 | b[i];
+  return v;
+}
+
+uint32_t crc32Of(const unsigned char* p, size_t n) {
+  uint32_t c = 0xFFFFFFFFu;
+  while (n--) {
+    c ^= *p++;
+    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+  }
+  return ~c;
+}
+
+void writeBytes(const std::string& path, const Bytes& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool saveTo(const MatroskaDoc& doc, const std::string& path) {
+  FileStorage out(path, File::kReadWrite);
+  if (!out.file().isOpen()) return false;
+  out.file().setSize(0);
+  ReceiptPtr r = doc.save(out);
+  out.file().close();
+  return r && !out.file().hadWriteError();
+}
+
+// ---------------------------------------------------------------- frames in and out
+
+struct Frame {
+  uint64_t track;
+  int64_t time;
+  Bytes data;
+  bool operator==(const Frame& o) const { return track == o.track && time == o.time && data == o.data; }
+};
+
+// Ten 100 ms PCM frames per second on track 1, one text line per second on track 2, two seconds.
+std::vector<Frame> sourceFrames() {
+  std::vector<Frame> frames;
+  for (int c = 0; c < 2; ++c)
+    for (int i = 0; i < 10; ++i) {
+      const int64_t t = c * 1000 + i * 100;
+      if (i == 6) {
+        const std::string text = c == 0 ? "first line" : "second line";
+        frames.push_back({2, c * 1000 + 550, Bytes(text.begin(), text.end())});
+      }
+      Bytes pcm(3200);
+      for (size_t k = 0; k < pcm.size(); ++k) pcm[k] = static_cast<unsigned char>(k * 7 + static_cast<size_t>(t));
+      frames.push_back({1, t, pcm});
+    }
+  return frames;
+}
+
+std::vector<Frame> framesOf(MatroskaDoc& doc) {
+  std::vector<Frame> out;
+  for (auto& s : doc.segments_)
+    for (auto& c : s->clusters_)
+      for (IElement* e : c->blocks_.elements()) {
+        const VBinary* bin = nullptr;
+        if (auto* sb = dynamic_cast<Cluster::SimpleBlockElt*>(e)) bin = &**sb;
+        if (auto* g = dynamic_cast<Cluster::BlockGroupElt*>(e)) bin = &*(*g)->block_;
+        SimpleBlock block;
+        if (!bin || block.importData(bin->data()) == 0) continue;
+        for (unsigned long i = 0; i < block.getNumberOfFrames(); ++i) {
+          ReceiptPtr r = block.getFrame(i);
+          Bytes d(r ? r->numBytes() : 0);
+          if (!d.empty() && !r->load(d.data())) d.clear();
+          out.push_back({block.getTrackNumber(), static_cast<int64_t>(c->timecode_->get()) + block.getRelativeTimecode(), d});
+        }
+      }
+  return out;
+}
+
+// Frame sizes per track, tracks numbered by their order in the file (as ffprobe numbers streams).
+std::map<int, std::vector<int64_t>> sizesByStream(MatroskaDoc& doc) {
+  std::map<uint64_t, int> streamOf;
+  int n = 0;
+  if (!doc.segments_.empty())
+    for (auto& t : doc.segments_.front()->tracks_->tracks_) streamOf[t->trackNumber_->get()] = n++;
+  std::map<int, std::vector<int64_t>> out;
+  for (const auto& f : framesOf(doc)) out[streamOf.count(f.track) ? streamOf[f.track] : -1].push_back(static_cast<int64_t>(f.data.size()));
+  return out;
+}
+
+std::map<int, std::vector<int64_t>> sizesByStream(const std::vector<ProbePacket>& packets) {
+  std::map<int, std::vector<int64_t>> out;
+  for (const auto& p : packets) out[p.stream].push_back(p.size);
+  return out;
+}
+
+// ---------------------------------------------------------------- a full document in memory
+
+constexpr uint64_t kSeekHead = 0x114D9B74, kInfo = 0x1549A966, kTracks = 0x1654AE6B, kCues = 0x1C53BB6B,
+                   kChapters = 0x1043A770, kTags = 0x1254C367, kCluster = 0x1F43B675;
+
+// Tracks, chapters, tags, cues and two clusters; the first seek head chains to a second one that
+// trails the segment and indexes the clusters.
+void buildDocument(WebmDoc& doc, MemoryStorage& storage, const std::vector<Frame>& frames) {
+  MatroskaDoc::SegmentElt& segElt = doc.segments_.add();
+  Segment& seg = *segElt;
+  SegInfo& info = *seg.info_;
+  info.title_->set("round trip"), info.writingApp_->set("document test"), info.duration_->set(2000.0);
+  unsigned char uid[16];
+  for (unsigned i = 0; i < 16; ++i) uid[i] = static_cast<unsigned char>(i + 1);
+  info.segmentUid_->set(uid);
+
+  Track& audio = *seg.tracks_->tracks_.add();
+  audio.trackNumber_->set(1), audio.trackUid_->set(1111), audio.trackType_->set(2);
+  audio.codecId_->set("A_PCM/INT/LIT"), audio.language_->set("und");
+  audio.audio_->samplingFrequency_->set(16000.0), audio.audio_->bitDepth_->set(16);
+  Track& text = *seg.tracks_->tracks_.add();
+  text.trackNumber_->set(2), text.trackUid_->set(2222), text.trackType_->set(0x11);
+  text.codecId_->set("S_TEXT/UTF8"), text.name_->set("notes"), text.flagLacing_->set(0);
+
+  Edition& edition = *seg.chapters_->editions_.add();
+  edition.uid_->set(77);
+  for (int i = 0; i < 2; ++i) {
+    ChapAtom& atom = *edition.atoms_.add();
+    atom.uid_->set(100 + static_cast<uint64_t>(i));
+    atom.timeStart_->set(static_cast<uint64_t>(i) * 1000000000ull);
+    atom.displays_.add()->string_->set(i == 0 ? "Opening" : "Second");
+  }
+  Tag& tag = *seg.tags_.add()->tags_.add();
+  tag.targets_->typeValue_->set(50);
+  SimpleTag& simple = *tag.simpleTags_.add();
+  simple.name_->set("TITLE"), simple.string_->set("round trip");
+
+  std::vector<ClusterElt*> clusters;
+  for (int c = 0; c < 2; ++c) {
+    ClusterElt& cluster = seg.clusters_.add();
+    cluster->timecode_->set(static_cast<uint64_t>(c) * 1000);
+    clusters.push_back(&cluster);
+    uint64_t blocks = 0, textBlock = 0;
+    for (const auto& f : frames) {
+      if (f.time / 1000 != c) continue;
+      SimpleBlock block;
+      block.setTrackNumber(f.track);
+      block.setRelativeTimecode(static_cast<short>(f.time - c * 1000));
+      block.addFrame(f.data.data(), static_cast<unsigned long>(f.data.size()), storage);
+      ++blocks;
+      if (f.track == 1) {
+        block.setKeyframe(true);
+        Cluster::SimpleBlockElt e;
+        block.exportData(e->data(), storage);
+        cluster->blocks_.push_back(e);
+      } else {
+        textBlock = blocks;
+        Cluster::BlockGroupElt g;
+        g->duration_->set(400);
+        block.exportData(g->block_->data(), storage);
+        cluster->blocks_.push_back(g);
+      }
+    }
+    CuePoint& point = *seg.cues_->points_.add();
+    point.time_->set(static_cast<uint64_t>(c) * 1000);
+    for (uint64_t track = 1; track <= static_cast<uint64_t>(c) + 1; ++track) {
+      CueTrkPos& pos = *point.positions_.add();
+      pos.track_->set(track);
+      pos.clusterPosition_->setOrigin(&segElt), pos.clusterPosition_->setElt(&cluster);
+      if (track == 2) pos.blockNumber_->set(textBlock);
+    }
+  }
+  SeekHeadElt& first = seg.seekHeads_.add();
+  SeekHeadElt& second = seg.seekHeads_.add();
+  first->indexThis(&segElt, &seg.info_);
+  first->indexThis(&segElt, &seg.tracks_);
+  first->indexThis(&segElt, &seg.chapters_);
+  first->indexThis(&segElt, &seg.cues_);
+  first->indexThis(&segElt, &seg.tags_.front());
+  first->indexThis(&segElt, &second);
+  for (ClusterElt* c : clusters) second->indexThis(&segElt, c);
+}
+
+// ---------------------------------------------------------------- EBML header
+
+TEST(DocumentHeader, ByteExactForEachDocumentKindAndKeptOnReload) {
+  TempDir dir;
+  const Bytes head = {0x1A, 0x45, 0xDF, 0xA3, 0xA3, 0x42, 0x86, 0x81, 0x01, 0x42, 0xF7, 0x81, 0x01,
+                      0x42, 0xF2, 0x81, 0x04, 0x42, 0xF3, 0x81, 0x08};
+  auto with = [&](const Bytes& tail) {
+    Bytes b = head;
+    b.insert(b.end(), tail.begin(), tail.end());
+    return b;
+  };
+  const Bytes webm = with({0x42, 0x82, 0x84, 'w', 'e', 'b', 'm', 0xEC, 0x82, 0x00, 0x00,  // DocType, Void
+                           0x42, 0x87, 0x81, 0x02, 0x42, 0x85, 0x81, 0x02});
+  const Bytes mkv2 = with({0x42, 0x82, 0x88, 'm', 'a', 't', 'r', 'o', 's', 'k', 'a',  //
+                           0x42, 0x87, 0x81, 0x02, 0x42, 0x85, 0x81, 0x02});
+  const Bytes mkv1 = with({0x42, 0x82, 0x88, 'm', 'a', 't', 'r', 'o', 's', 'k', 'a',  //
+                           0x42, 0x87, 0x81, 0x01, 0x42, 0x85, 0x81, 0x01});
+  auto bytesOf = [&](const MatroskaDoc& doc) {
+    const std::string p = dir.path("head");
+    EXPECT_TRUE(saveTo(doc, p));
+    return readFile(p);
+  };
+  EXPECT_EQ(bytesOf(WebmDoc(kFileFormatWebm)), webm);
+  EXPECT_EQ(bytesOf(WebmDoc(kFileFormatMatroska)), mkv2);
+  EXPECT_EQ(bytesOf(WebmDoc(static_cast<TFileFormat>(7))), mkv2);
+  EXPECT_EQ(bytesOf(MatroskaDoc()), mkv1);
+
+  // Loaded back, the header keeps its values and the Void after "webm", and saves the same bytes.
+  writeBytes(dir.path("in"), webm);
+  MatroskaDoc loaded;
+  FileStorage in(dir.path("in"), File::kReadOnly);
+  EXPECT_EQ(loaded.load(in, webm.size()), webm.size());
+  EXPECT_EQ(loaded.head_->docType_->get(), "webm");
+  EXPECT_EQ(loaded.head_->docTypeVersion_->get(), 2u);
+  ASSERT_EQ(loaded.head_->docType_->voids().size(), 1u);
+  EXPECT_EQ(loaded.head_->docType_->voids().front()->get(), 2u);
+  EXPECT_TRUE(loaded.segments_.empty());
+  EXPECT_EQ(bytesOf(loaded), webm);
+}
+
+// ---------------------------------------------------------------- a saved document, Matroska and WebM
+
+class SavedDocument : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    webm_ = GetParam();
+    path_ = dir_.path(webm_ ? "doc.webm" : "doc.mkv");
+    frames_ = sourceFrames();
+    doc_ = std::make_unique<WebmDoc>(webm_ ? kFileFormatWebm : kFileFormatMatroska);
+    buildDocument(*doc_, storage_, frames_);
+    doc_->setCrc32(true);
+    ASSERT_TRUE(saveTo(*doc_, path_));
+    bytes_ = readFile(path_);
+    auto top = rawChildren(bytes_, 0, bytes_.size());
+    ASSERT_EQ(top.size(), 2u);
+    ASSERT_EQ(top[1].id, Segment::kId);
+    segment_ = top[1];
+  }
+
+  bool webm_ = false;
+  TempDir dir_;
+  std::string path_;
+  std::vector<Frame> frames_;
+  MemoryStorage storage_;
+  std::unique_ptr<WebmDoc> doc_;
+  Bytes bytes_;
+  RawElt segment_;
+};
+
+TEST_P(SavedDocument, LayoutReferencesAndCrc32InTheBytes) {
+  EXPECT_EQ(segment_.end, bytes_.size());
+  const auto kids = rawChildren(bytes_, segment_);
+  std::vector<uint64_t> ids;
+  for (const auto& k : kids) ids.push_back(k.id);
+  const std::vector<uint64_t> expected =
+      webm_ ? std::vector<uint64_t>{kSeekHead, kInfo, kTracks, kChapters, kCues, kTags, kCluster, kCluster, kSeekHead}
+            : std::vector<uint64_t>{kSeekHead, kInfo, kTracks, kCues, kChapters, kCluster, kCluster, kTags, kSeekHead};
+  ASSERT_EQ(ids, expected);
+
+  // Each top-level master starts with a CRC-32 of the rest of its payload, most significant byte first.
+  for (const auto& k : kids) {
+    SCOPED_TRACE(k.id);
+    ASSERT_GE(k.end - k.payload, 6u);
+    EXPECT_EQ(bytes_[k.payload], 0xBF);
+    EXPECT_EQ(bytes_[k.payload + 1], 0x84);
+    const unsigned char* v = &bytes_[k.payload + 2];
+    const uint32_t stored = uint32_t(v[0]) << 24 | uint32_t(v[1]) << 16 | uint32_t(v[2]) << 8 | v[3];
+    EXPECT_EQ(stored, crc32Of(&bytes_[k.payload + 6], k.end - k.payload - 6));
+  }
+
+  // Every seek entry names the element at the position it gives; cue positions land on the right cluster.
+  size_t entries = 0;
+  for (const auto& head : kids) {
+    if (head.id != kSeekHead) continue;
+    for (const auto& seek : rawChildren(bytes_, head)) {
+      if (seek.id != 0x4DBB) continue;
+      const auto fields = rawChildren(bytes_, seek);
+      ASSERT_TRUE(rawChild(fields, 0x53AB) && rawChild(fields, 0x53AC));
+      RawElt target;
+      ASSERT_TRUE(rawElement(bytes_, segment_.payload + rawUInt(bytes_, *rawChild(fields, 0x53AC)), bytes_.size(), target));
+      EXPECT_EQ(target.id, rawUInt(bytes_, *rawChild(fields, 0x53AB)));
+      ++entries;
+    }
+  }
+  EXPECT_EQ(entries, 8u);
+  const RawElt* cues = rawChild(kids, kCues);
+  size_t positions = 0;
+  for (const auto& point : rawChildren(bytes_, *cues)) {
+    if (point.id != 0xBB) continue;
+    const auto pk = rawChildren(bytes_, point);
+    const RawElt* timeElt = rawChild(pk, 0xB3);
+    ASSERT_TRUE(timeElt);
+    const uint64_t time = rawUInt(bytes_, *timeElt);
+    for (const auto& pos : pk) {
+      if (pos.id != 0xB7) continue;
+      RawElt cluster;
+      const uint64_t at = rawUInt(bytes_, *rawChild(rawChildren(bytes_, pos), 0xF1));
+      ASSERT_TRUE(rawElement(bytes_, segment_.payload + at, bytes_.size(), cluster));
+      ASSERT_EQ(cluster.id, kCluster);
+      EXPECT_EQ(rawUInt(bytes_, *rawChild(rawChildren(bytes_, cluster), 0xE7)), time);
+      ++positions;
+    }
+  }
+  EXPECT_EQ(positions, 3u);
+
+  // A second save of the same document (with fresh savers for WebM) gives the same bytes.
+  ASSERT_TRUE(saveTo(*doc_, dir_.path("again")));
+  EXPECT_EQ(readFile(dir_.path("again")), bytes_);
+}
+
+TEST_P(SavedDocument, LoadsBackElementByElement) {
+  MatroskaDoc doc;
+  FileStorage in(path_, File::kReadOnly);
+  ASSERT_EQ(doc.loadAndKeepReceipts(in, bytes_.size()), bytes_.size());
+  EXPECT_EQ(doc.head_->docType_->get(), webm_ ? "webm" : "matroska");
+  EXPECT_EQ(doc.head_->docTypeReadVersion_->get(), 2u);
+  ASSERT_EQ(doc.segments_.size(), 1u);
+  MatroskaDoc::SegmentElt& segElt = doc.segments_.front();
+  Segment& seg = *segElt;
+
+  const SegInfo& info = *seg.info_;
+  EXPECT_EQ(info.title_->get() + "|" + info.writingApp_->get() + "|" + info.muxingApp_->get(),
+            std::string("round trip|document test|") + kLibraryIdentification);
+  EXPECT_EQ(info.timecodeScale_->get(), 1000000u);
+  EXPECT_EQ(info.duration_->get(), 2000.0);
+  EXPECT_EQ(info.segmentUid_->get(), doc_->segments_.front()->info_->segmentUid_->get());
+  ASSERT_EQ(seg.tracks_->tracks_.size(), 2u);
+  const Track& a = *seg.tracks_->tracks_[0];
+  const Track& t = *seg.tracks_->tracks_[1];
+  EXPECT_EQ(std::vector<uint64_t>({a.trackNumber_->get(), a.trackUid_->get(), a.trackType_->get(), a.audio_->channels_->get(),
+                                   a.audio_->bitDepth_->get(), t.trackType_->get(), t.flagLacing_->get()}),
+            std::vector<uint64_t>({1, 1111, 2, 1, 16, 0x11, 0}));
+  EXPECT_EQ(a.codecId_->get() + "|" + a.language_->get() + "|" + t.name_->get() + "|" + t.language_->get(),
+            "A_PCM/INT/LIT|und|notes|eng");
+  EXPECT_EQ(a.audio_->samplingFrequency_->get(), 16000.0);
+  ASSERT_EQ(seg.chapters_->editions_.size(), 1u);
+  const Edition& ed = *seg.chapters_->editions_.front();
+  EXPECT_EQ(ed.uid_->get(), 77u);
+  ASSERT_EQ(ed.atoms_.size(), 2u);
+  EXPECT_EQ(ed.atoms_[1]->timeStart_->get(), 1000000000u);
+  EXPECT_EQ(ed.atoms_[1]->displays_.front()->string_->get(), "Second");
+  ASSERT_EQ(seg.tags_.size(), 1u);
+  EXPECT_EQ(seg.tags_.front()->tags_.front()->simpleTags_.front()->string_->get(), "round trip");
+
+  ASSERT_EQ(seg.clusters_.size(), 2u);
+  EXPECT_EQ(framesOf(doc), frames_);
+  size_t groups = 0;
+  for (auto& c : seg.clusters_)
+    for (IElement* e : c->blocks_.elements())
+      if (auto* g = dynamic_cast<Cluster::BlockGroupElt*>(e)) {
+        EXPECT_EQ((*g)->duration_->get(), 400u);
+        ++groups;
+      }
+  EXPECT_EQ(groups, 2u);
+
+  // References point at the loaded elements themselves.
+  ASSERT_EQ(seg.cues_->points_.size(), 2u);
+  for (size_t c = 0; c < 2; ++c) {
+    const CuePoint& p = *seg.cues_->points_[c];
+    EXPECT_EQ(p.time_->get(), c * 1000);
+    for (const auto& pos : p.positions_) EXPECT_EQ(pos->clusterPosition_->getElt(), &seg.clusters_[c]);
+  }
+  EXPECT_EQ(seg.cues_->points_[1]->positions_[1]->blockNumber_->get(), 7u);
+  ASSERT_EQ(seg.seekHeads_.size(), 2u);
+  const uint64_t base = segElt.payloadReceipt()->position();
+  for (auto& head : seg.seekHeads_)
+    for (auto& entry : head->entries_) {
+      const IElement* target = entry->position_->getElt();
+      ASSERT_NE(target, nullptr);
+      EXPECT_EQ(target->getId(), entry->id_->get());
+      EXPECT_EQ(target->storageReceipt()->position(), base + entry->position_->position());
+    }
+  EXPECT_EQ((*seg.seekHeads_[0]->findFirst(kInfo))->position_->getElt(), &seg.info_);
+  EXPECT_EQ((*seg.seekHeads_[0]->findFirst(kSeekHead))->position_->getElt(), &seg.seekHeads_[1]);
+  EXPECT_EQ(seg.seekHeads_[1]->entries_.back()->position_->getElt(), &seg.clusters_[1]);
+
+  // Every top-level master carried a CRC-32 and the loader found it matching.
+  std::vector<IElement*> top = {&seg.info_, &seg.tracks_, &seg.cues_, &seg.chapters_, &seg.tags_.front()};
+  for (auto& h : seg.seekHeads_) top.push_back(&h);
+  for (auto& c : seg.clusters_) top.push_back(&c);
+  for (IElement* e : top) {
+    EXPECT_TRUE(e->shouldComputeCrc32()) << e->getName();
+    EXPECT_TRUE(e->crc32Matched()) << e->getName();
+  }
+}
+
+TEST_P(SavedDocument, SeekHeadGuidedLoadAndOpenSizes) {
+  {
+    MatroskaDoc doc;
+    FileStorage in(path_, File::kReadOnly);
+    ASSERT_TRUE(doc.loadSeekHead(in, bytes_.size()));
+    Segment& seg = *doc.segments_.front();
+    EXPECT_EQ(seg.seekHeads_.size(), 1u);
+    EXPECT_TRUE(seg.clusters_.empty());
+    EXPECT_FALSE(seg.info_.storageReceipt());
+    ASSERT_TRUE(doc.loadViaSeekHead(in, nullptr, true));
+    EXPECT_EQ(seg.seekHeads_.size(), 2u);
+    EXPECT_EQ(seg.info_->title_->get(), "round trip");
+    EXPECT_EQ(seg.tracks_->tracks_.size(), 2u);
+    EXPECT_EQ(seg.tags_.size(), 1u);
+    EXPECT_EQ(framesOf(doc), frames_);
+    EXPECT_EQ(seg.cues_->points_[1]->positions_[0]->clusterPosition_->getElt(), &seg.clusters_[1]);
+  }
+  {
+    MatroskaDoc doc;
+    FileStorage in(path_, File::kReadOnly);
+    ASSERT_TRUE(doc.loadSeekHead(in, bytes_.size()));
+    EXPECT_TRUE(doc.loadViaSeekHead(in, nullptr, false));
+    EXPECT_TRUE(doc.segments_.front()->clusters_.empty());
+    EXPECT_EQ(doc.segments_.front()->chapters_->editions_.size(), 1u);
+  }
+  // The same file with the Segment and both Clusters left open (all-ones sizes) loads the same frames.
+  Bytes open = bytes_;
+  auto markUnknown = [&](const RawElt& e) {
+    const size_t sizeAt = sizeFieldAt(e);
+    for (size_t i = sizeAt; i < e.payload; ++i) open[i] = 0xFF;
+    open[sizeAt] = static_cast<unsigned char>(0xFF >> (e.payload - sizeAt - 1));
+  };
+  markUnknown(segment_);
+  for (const auto& k : rawChildren(bytes_, segment_))
+    if (k.id == kCluster) markUnknown(k);
+  writeBytes(dir_.path("open"), open);
+  MatroskaDoc doc;
+  FileStorage in(dir_.path("open"), File::kReadOnly);
+  EXPECT_EQ(doc.load(in, open.size()), open.size());
+  EXPECT_EQ(framesOf(doc), frames_);
+  ASSERT_EQ(doc.segments_.size(), 1u);
+  EXPECT_EQ(doc.segments_.front()->tags_.size(), 1u);
+  EXPECT_EQ(doc.segments_.front()->seekHeads_.size(), 2u);
+  if (haveTool("ffprobe")) {
+    EXPECT_EQ(ffprobePackets(dir_.path("open")).size(), frames_.size());
+  }
+}
+
+TEST_P(SavedDocument, IndependentReadersAgree) {
+  if (!haveTool("ffprobe") || !haveTool("mkvmerge") || !haveTool("mkvinfo")) GTEST_SKIP() << "readers not installed";
+  std::string err;
+  const auto packets = ffprobePackets(path_, &err);
+  EXPECT_EQ(err, "");
+  ASSERT_EQ(packets.size(), frames_.size());
+  for (size_t i = 0; i < packets.size(); ++i) {
+    EXPECT_EQ(packets[i].stream, static_cast<int>(frames_[i].track) - 1) << i;
+    EXPECT_EQ(packets[i].ptsMs, frames_[i].time) << i;
+    EXPECT_EQ(packets[i].size, static_cast<int64_t>(frames_[i].data.size())) << i;
+  }
+  const auto merge = mkvmergeJson(path_);
+  EXPECT_EQ(merge.exitCode, 0) << merge.out;
+  const auto j = nlohmann::json::parse(merge.out, nullptr, false);
+  ASSERT_FALSE(j.is_discarded());
+  EXPECT_TRUE(j["container"].value("recognized", false));
+  ASSERT_EQ(j["tracks"].size(), 2u);
+  EXPECT_EQ(j["tracks"][0].value("type", ""), "audio");
+  EXPECT_EQ(j["tracks"][1].value("type", ""), "subtitles");
+  EXPECT_EQ(j["container"]["properties"].value("title", ""), "round trip");
+  const auto info = mkvinfo(path_);
+  EXPECT_EQ(info.exitCode, 0) << info.err;
+  EXPECT_EQ(info.err, "");
+  if (webm_ && haveTool("webm_info")) {
+    const auto w = runCommand("webm_info -cues -i " + shellQuote(path_));
+    EXPECT_EQ(w.exitCode, 0) << w.out << w.err;
+    // Its parser drops the whole index when one cue point lacks a time.
+    EXPECT_EQ(w.out.find("No cue points"), std::string::npos) << w.out;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, SavedDocument, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "WebM" : "Matroska"; });
+
+// ---------------------------------------------------------------- files written by other muxers
+
+class RealFiles : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!haveTool("ffmpeg") || !haveTool("ffprobe")) return;
+    dir_ = new TempDir;
+    const std::string src =
+        "ffmpeg -v error -y -f lavfi -i testsrc=size=96x64:rate=25:duration=2 "
+        "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=2 ";
+    auto make = [](const std::string& name, const std::string& command) {
+      const std::string p = dir_->path(name);
+      if (runCommand(command).exitCode == 0 && readFile(p).size() > 0) files_.push_back(p);
+    };
+    const std::string vp8 = "-c:v libvpx -g 10 -b:v 100k -c:a libvorbis ";
+    make("vp8.webm", src + vp8 + "-f webm " + shellQuote(dir_->path("vp8.webm")));
+    const bool x264 = runCommand("ffmpeg -hide_banner -encoders").out.find("libx264") != std::string::npos;
+    make("avc.mkv", src + (x264 ? "-c:v libx264 -preset ultrafast -g 10 -c:a aac " : "-c:v mpeg4 -g 10 -c:a libmp3lame ") +
+                        "-f matroska " + shellQuote(dir_->path("avc.mkv")));
+    // Written to a pipe: the muxer cannot go back, so the Segment keeps its unknown size.
+    make("live.mkv", src + vp8 + "-f matroska -live 1 pipe:1 > " + shellQuote(dir_->path("live.mkv")));
+    if (haveTool("mkvmerge") && !files_.empty()) {
+      make("merged.mkv", "mkvmerge -q --clusters-in-meta-seek -o " + shellQuote(dir_->path("merged.mkv")) + " " +
+                             shellQuote(dir_->path("avc.mkv")));
+      make("merged.webm", "mkvmerge -q --webm -o " + shellQuote(dir_->path("merged.webm")) + " " +
+                              shellQuote(dir_->path("vp8.webm")));
+    }
+  }
+  static void TearDownTestSuite() {
+    delete dir_;
+    dir_ = nullptr;
+    files_.clear();
+  }
+  void SetUp() override {
+    if (files_.size() < 5) GTEST_SKIP() << "ffmpeg, ffprobe or mkvmerge could not make the sample files";
+  }
+  static TempDir* dir_;
+  static std::vector<std::string> files_;
+};
+
+TempDir* RealFiles::dir_ = nullptr;
+std::vector<std::string> RealFiles::files_;
+
+TEST_F(RealFiles, LoadFindsEveryFrameTheReaderCounts) {
+  bool sawClusterIndex = false;
+  for (const auto& f : files_) {
+    SCOPED_TRACE(f);
+    std::string err;
+    const auto probe = sizesByStream(ffprobePackets(f, &err));
+    ASSERT_EQ(probe.size(), 2u) << err;
+    MatroskaDoc doc;
+    FileStorage in(f, File::kReadOnly);
+    EXPECT_GT(doc.load(in, in.file().size()), 0u);
+    EXPECT_EQ(sizesByStream(doc), probe);
+
+    MatroskaDoc guided;
+    FileStorage in2(f, File::kReadOnly);
+    const bool hasSeekHead = guided.loadSeekHead(in2, in2.file().size());
+    if (f.find("live") == std::string::npos) {
+      EXPECT_TRUE(hasSeekHead);
+    } else {
+      const auto top = rawChildren(readFile(f), 0, in.file().size());
+      ASSERT_EQ(top.size(), 2u);
+      EXPECT_TRUE(top[1].open);
+    }
+    if (!hasSeekHead) continue;
+    EXPECT_TRUE(guided.loadViaSeekHead(in2, nullptr, true));
+    Segment& seg = *guided.segments_.front();
+    EXPECT_EQ(seg.tracks_->tracks_.size(), 2u);
+    EXPECT_EQ(seg.info_->timecodeScale_->get(), 1000000u);
+    bool indexesClusters = false;
+    for (auto& h : seg.seekHeads_) indexesClusters = indexesClusters || h->findFirst(kCluster);
+    // Clusters come only through a seek head that names at least one of them.
+    sawClusterIndex = sawClusterIndex || indexesClusters;
+    if (indexesClusters) {
+      EXPECT_EQ(sizesByStream(guided), probe);
+    } else {
+      EXPECT_TRUE(seg.clusters_.empty());
+    }
+  }
+  EXPECT_TRUE(sawClusterIndex);
+}
+
+// Whether anything below the document keeps a CRC-32 or Void padding.
+class FindsCrcOrVoid : public IElementCrawler {
+ public:
+  bool eval(IElement& e) override {
+    if (e.shouldComputeCrc32() || e.getPayload().hasVoid()) {
+      found = e.getName();
+      return true;
+    }
+    return evalPayload(e.getPayload());
+  }
+  std::string found;
+};
+
+TEST_F(RealFiles, OptimizedFilesDropCrcAndVoidsAndKeepEveryFrame) {
+  std::map<std::string, bool> padded;
+  for (const auto& f : files_) {
+    SCOPED_TRACE(f);
+    WebmDoc doc(kFileFormatMatroska);
+    FileStorage in(f, File::kReadOnly);
+    ASSERT_GT(doc.load(in, in.file().size()), 0u);
+    if (doc.head_->docType_->get() == "webm") doc.setFileFormat(kFileFormatWebm);
+    FindsCrcOrVoid loaded;
+    padded[f] = doc.eval(loaded);
+    MemoryStorage memory;
+    doc.optimize(memory);
+    FindsCrcOrVoid before;
+    EXPECT_FALSE(doc.eval(before)) << before.found;
+    const std::string out = dir_->path("optimized");
+    ASSERT_TRUE(saveTo(doc, out));
+
+    MatroskaDoc again;
+    FileStorage in2(out, File::kReadOnly);
+    const Bytes bytes = readFile(out);
+    EXPECT_EQ(again.load(in2, bytes.size()), bytes.size());
+    FindsCrcOrVoid after;
+    EXPECT_FALSE(again.eval(after)) << after.found;
+    for (const auto& top : rawChildren(bytes, 0, bytes.size()))
+      for (const auto& k : rawChildren(bytes, top)) {
+        EXPECT_NE(k.id, 0xECu);
+        EXPECT_NE(k.id, 0xBFu);
+        if (top.id != Segment::kId) continue;
+        for (const auto& kk : rawChildren(bytes, k)) EXPECT_TRUE(kk.id != 0xEC && kk.id != 0xBF) << std::hex << k.id;
+      }
+    for (int stream = 0; stream < 2; ++stream) {
+      const auto original = frameMd5(f, stream);
+      EXPECT_FALSE(original.empty());
+      EXPECT_EQ(frameMd5(out, stream), original) << "stream " << stream;
+    }
+    if (haveTool("mkvmerge")) {
+      EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
+    }
+  }
+  // The live file carries CRC-32 elements and mkvmerge leaves Voids: the optimiser had work to do.
+  EXPECT_TRUE(padded[dir_->path("live.mkv")]);
+  EXPECT_TRUE(padded[dir_->path("merged.mkv")]);
+}
+
+// ---------------------------------------------------------------- damaged files
+
+// Loads a file every way there is, walks every frame, and now and then optimises and saves it.
+void loadEveryWay(const std::string& path, const std::string& scratch, bool resave) {
+  {
+    MatroskaDoc doc;
+    FileStorage in(path, File::kReadOnly);
+    doc.load(in, in.file().size());
+    framesOf(doc);
+    if (resave) {
+      MemoryStorage memory;
+      doc.optimize(memory);
+      saveTo(doc, scratch);
+    }
+  }
+  MatroskaDoc doc;
+  FileStorage in(path, File::kReadOnly);
+  if (doc.loadSeekHead(in, in.file().size())) doc.loadViaSeekHead(in, nullptr, true);
+  framesOf(doc);
+}
+
+TEST_F(RealFiles, DamagedFilesLoadWithoutHarm) {
+  const std::string path = dir_->path("damaged"), scratch = dir_->path("scratch");
+  std::mt19937 rng(20240607);
+  size_t variants = 0;
+  const auto started = std::chrono::steady_clock::now();
+  auto check = [&](const Bytes& bytes, const std::string& what) {
+    SCOPED_TRACE(what);
+    writeBytes(path, bytes);
+    const auto t0 = std::chrono::steady_clock::now();
+    loadEveryWay(path, scratch, variants % 8 == 0);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(ms, 5000);
+    ++variants;
+  };
+  for (const std::string name : {"vp8.webm", "merged.mkv"}) {
+    const Bytes good = readFile(dir_->path(name));
+    ASSERT_GT(good.size(), 4096u);
+    // Cuts: every length in the header area, every element boundary (and one byte either side), then evenly.
+    std::vector<size_t> cuts;
+    for (size_t n = 0; n < 64; n += 3) cuts.push_back(n);
+    std::vector<RawElt> headers = rawChildren(good, 0, good.size());
+    if (headers.size() > 1) {
+      for (const auto& k : rawChildren(good, headers[1])) {
+        headers.push_back(k);
+        if (k.id == kCluster)
+          for (const auto& b : rawChildren(good, k)) {
+            headers.push_back(b);
+            if (headers.size() > 40) break;
+          }
+      }
+    }
+    for (const auto& h : headers)
+      for (size_t n : {h.start + 1, h.payload - 1, h.payload + 1, h.end - 1}) cuts.push_back(n);
+    for (size_t i = 1; i < 40; ++i) cuts.push_back(good.size() * i / 40);
+    for (size_t n : cuts)
+      if (n < good.size()) check(Bytes(good.begin(), good.begin() + static_cast<long>(n)), name + " cut at " + std::to_string(n));
+    // Size fields made open, huge or zero at element headers; random bytes anywhere.
+    for (const auto& h : headers)
+      for (unsigned char v : {0xFF, 0x01, 0x80}) {
+        Bytes bad = good;
+        bad[sizeFieldAt(h)] = v;
+        check(bad, name + " size byte at " + std::to_string(sizeFieldAt(h)));
+      }
+    for (int i = 0; i < 90; ++i) {
+      Bytes bad = good;
+      const size_t at = rng() % (i < 45 ? std::min<size_t>(good.size(), 2048) : good.size());
+      bad[at] = static_cast<unsigned char>(rng());
+      if (i % 3 == 0) bad[(at + 1) % good.size()] = static_cast<unsigned char>(rng());
+      check(bad, name + " byte at " + std::to_string(at));
+    }
+  }
+  EXPECT_GT(variants, 400u);
+  std::printf("%zu damaged variants in %lld ms\n", variants,
+              static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now() - started).count()));
+}
+
+}  // namespace
