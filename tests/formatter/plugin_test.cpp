@@ -1,0 +1,348 @@
+// The formatter module as the host sees it: loaded with dlopen and driven only through its
+// entry points and the formatter's virtual interface, including the ways a host can misuse it.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "host_sdk/host_sdk.h"
+#include "kapsel/kapsel.h"
+#include "support/readers.h"
+
+using namespace kapsel_test;
+
+namespace {
+
+constexpr uint32_t kKvi = FourCC("KVI ");
+constexpr uint32_t kMkv = FourCC("MKV ");
+constexpr uint32_t kWebm = FourCC("WEBM");
+constexpr uint32_t kUnknownVideo = 0x80090011, kUnknownAudio = 0x80090012, kNotOpened = 0x8009000F;
+
+struct Module {
+  void* handle = nullptr;
+  BXGetNumberFormattersFn count = nullptr;
+  BXGetFormatterInfoFn info = nullptr;
+  CreateFormatterFn create = nullptr;
+  Module() {
+    // Never closed: formatters may outlive a test body until the process ends.
+    handle = dlopen(KAPSEL_FORMATTER_MODULE, RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return;
+    count = reinterpret_cast<BXGetNumberFormattersFn>(dlsym(handle, "BXGetNumberFormatters"));
+    info = reinterpret_cast<BXGetFormatterInfoFn>(dlsym(handle, "BXGetFormatterInfo"));
+    create = reinterpret_cast<CreateFormatterFn>(dlsym(handle, "CreateFormatter"));
+  }
+};
+
+const Module& module() {
+  static Module m;
+  return m;
+}
+
+// EBML header, then a Segment whose patched size reaches exactly the end of the file.
+bool complete(const std::string& path, std::string* docType = nullptr) {
+  Kapsel::FileStorage in(path, Kapsel::File::kReadOnly);
+  unsigned n = 0;
+  if (!in.file().isOpen() || Kapsel::loadEbmlId(in) != 0x1A45DFA3) return false;
+  const uint64_t headSize = Kapsel::vsizeDecode(in, n);
+  if (docType) {
+    const auto b = readFile(path);
+    const std::string head(b.begin(), b.begin() + std::min<size_t>(b.size(), 48));
+    *docType = head.find("webm") != std::string::npos ? "webm" : head.find("matroska") != std::string::npos ? "matroska" : "";
+  }
+  in.file().seek(static_cast<int64_t>(headSize), Kapsel::File::kRelativeToCurrent);
+  if (Kapsel::loadEbmlId(in) != 0x18538067) return false;
+  const uint64_t segmentSize = Kapsel::vsizeDecode(in, n);
+  return n != 0 && segmentSize != ~0ull && in.file().absolutePosition() + segmentSize == in.file().size();
+}
+
+std::vector<uint8_t> bytes(size_t n, uint32_t seed) {
+  std::vector<uint8_t> v(n);
+  for (auto& c : v) c = static_cast<uint8_t>((seed = seed * 1103515245u + 12345u) >> 16);
+  return v;
+}
+
+// Random bytes behind a VP8 frame tag (and a key frame's start code), so that readers' parsers agree on key frames.
+std::vector<uint8_t> vp8Frame(size_t n, bool key, uint32_t seed) {
+  std::vector<uint8_t> v = bytes(std::max<size_t>(n, 10), seed);
+  const uint8_t head[10] = {static_cast<uint8_t>((key ? 0 : 1) | 0x10), 0, 0, 0x9D, 0x01, 0x2A, 0x40, 0x01, 0xF0, 0x00};
+  std::copy(head, head + (key ? 10 : 3), v.begin());
+  return v;
+}
+
+// One formatter configured as a host configures it: VP8 video and PCM audio unless told otherwise.
+struct Host {
+  CAFormatter* f = nullptr;
+  RefVideoCompressor vc{RefVideoParams{FourCC("ON2!"), FourCC("VP8 "), 320, 240, 25.0, "VP8", {}, {}, {}}};
+  RefAudioCompressor ac{RefAudioParams{kKvi, FourCC("LPCM"), 48000, 16, "Stereo", "PCM"}};
+  int videoFed = 0, audioFed = 0;
+
+  explicit Host(uint32_t format = kMkv) : f(module().create(kKvi, format)) {}
+  explicit Host(CAFormatter* existing) : f(existing) {}
+  ~Host() {
+    if (f) f->Release();
+  }
+  uint32_t begin(const std::string& path, bool video = true, bool audio = true) {
+    f->SetOutputFile(path);
+    f->SetDurationHint(0, 2000, 1000);
+    f->SetEncodeVideo(video);
+    f->SetEncodeAudio(audio);
+    Array_c<IVideoCompressor*> vcs;
+    Array_c<IAudioCompressor*> acs;
+    if (video) vcs.Add(&vc);
+    if (audio) acs.Add(&ac);
+    f->SetVideoCompressors(vcs);
+    f->SetAudioCompressors(acs);
+    return f->BeginFormatting();
+  }
+  void video(int64_t ms, bool key, size_t size = 200) {
+    const auto data = size ? vp8Frame(size, key, static_cast<uint32_t>(ms)) : std::vector<uint8_t>();
+    KVImage_t s = MakeVideoSample(data.data(), data.size(), ms, 1000, 0, key);
+    EXPECT_EQ(f->AddVideoSample(&s), 0u);
+    ReleaseSample(s);
+    ++videoFed;
+  }
+  void audio(int64_t ms, size_t size = 100) {
+    KVAudio_t s = MakeAudioSample({{bytes(size, static_cast<uint32_t>(ms)), ms, 1000}});
+    EXPECT_EQ(f->AddAudioSample(&s), 0u);
+    ReleaseSample(s);
+    ++audioFed;
+  }
+  // Two seconds of 25 fps video, a key frame a second, and 26 ms audio packets, in time order.
+  void feed(int64_t offset = 0) {
+    for (int64_t v = 0, a = 0; v < 2000 || a < 2000;) {
+      if (a <= v) audio(offset + a), a += 26;
+      else video(offset + v, v % 1000 == 0), v += 40;
+    }
+  }
+};
+
+std::vector<int> packetsPerStream(const std::string& path) {
+  std::string err;
+  std::vector<int> n(2, 0);
+  for (const auto& p : ffprobePackets(path, &err))
+    if (p.stream >= 0 && p.stream < 2) ++n[p.stream];
+  EXPECT_EQ(err, "");
+  return n;
+}
+
+class PluginTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(module().create) << dlerror(); }
+  // Every packet and bundle handed to the formatter has been given back.
+  void TearDown() override {
+    EXPECT_EQ(RefPacket::LiveCount(), 0);
+    EXPECT_EQ(RefPacketBundle::LiveCount(), 0);
+  }
+  TempDir dir;
+};
+
+TEST_F(PluginTest, ExportsOnlyTheThreeEntryPoints) {
+  const CommandResult r = runCommand(std::string("nm -D --defined-only ") + shellQuote(KAPSEL_FORMATTER_MODULE));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::set<std::string> ours;
+  std::istringstream lines(r.out);
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(line.find_last_of(' ') + 1);
+    static const std::set<std::string> toolchain = {"_init", "_fini", "__bss_start", "_edata", "_end"};
+    if (toolchain.count(name) || name.rfind("__", 0) == 0) continue;
+    ours.insert(name);
+  }
+  EXPECT_EQ(ours, (std::set<std::string>{"BXGetNumberFormatters", "BXGetFormatterInfo", "CreateFormatter"}));
+}
+
+TEST_F(PluginTest, EnumeratesAndCreatesFormatters) {
+  const Module& m = module();
+  ASSERT_EQ(m.count(), 2u);
+  const uint32_t expected[2] = {kMkv, kWebm};
+  for (uint32_t i = 0; i < 2; ++i) {
+    uint32_t maker = 0, version = 0;
+    const uint32_t* format = nullptr;
+    m.info(i, &maker, &format, &version);
+    EXPECT_EQ(maker, kKvi);
+    ASSERT_NE(format, nullptr);
+    EXPECT_EQ(*format, expected[i]);
+    EXPECT_EQ(version, 0x10000u);
+  }
+  m.info(1, nullptr, nullptr, nullptr);  // every output is optional
+  const uint32_t* format = nullptr;
+  m.info(7, nullptr, &format, nullptr);  // out of range is clamped, never read past the table
+  ASSERT_NE(format, nullptr);
+  EXPECT_EQ(*format, kWebm);
+
+  EXPECT_EQ(m.create(FourCC("ACME"), kMkv), nullptr);
+  // Any format code but 'WEBM' writes Matroska.
+  Host odd(FourCC("ABCD"));
+  ASSERT_NE(odd.f, nullptr);
+  ASSERT_EQ(odd.begin(dir.path("odd.mkv")), 0u);
+  odd.feed();
+  odd.f->EndFormatting(nullptr);
+  std::string docType;
+  EXPECT_TRUE(complete(dir.path("odd.mkv"), &docType));
+  EXPECT_EQ(docType, "matroska");
+
+  // A copy writes the same kind of file and does not keep the source's compressors.
+  Host source(kWebm);
+  source.ac.params = {kKvi, FourCC("VRBS"), 48000, 16, "Stereo", "Vorbis"};
+  source.f->SetVideoCompressors([&] { Array_c<IVideoCompressor*> a; a.Add(&source.vc); return a; }());
+  Host feeder(source.f->CreateCopy());
+  ASSERT_NE(feeder.f, nullptr);
+  EXPECT_FALSE(feeder.f->SupportsVideoCodec(kKvi, FourCC("H264")));
+  feeder.f->SetOutputFile(dir.path("copy.webm"));
+  feeder.f->SetEncodeVideo(true);
+  ASSERT_EQ(feeder.f->BeginFormatting(), 0u);
+  for (int i = 0; i < 5; ++i) feeder.video(i * 40, i == 0);
+  feeder.f->EndFormatting(nullptr);
+  EXPECT_EQ(readFile(dir.path("copy.webm")).size(), 0u) << "a copy must not use the source's compressor";
+  feeder.begin(dir.path("copy.webm"), true, false);
+  for (int i = 0; i < 5; ++i) feeder.video(i * 40, i == 0);
+  feeder.f->EndFormatting(nullptr);
+  EXPECT_TRUE(complete(dir.path("copy.webm"), &docType));
+  EXPECT_EQ(docType, "webm");
+}
+
+TEST_F(PluginTest, AnswersWhichCodecsItStores) {
+  Host mkv(kMkv), webm(kWebm);
+  const uint32_t on2 = FourCC("ON2!"), acme = FourCC("ACME");
+  struct Case {
+    uint32_t maker, codec;
+    bool video, inMkv, inWebm;
+  } cases[] = {
+      {on2, FourCC("VP8 "), true, true, true},    {kKvi, FourCC("VP8 "), true, false, false},
+      {acme, FourCC("H264"), true, true, false},  {kKvi, FourCC("MP4V"), true, true, false},
+      {kKvi, FourCC("VP62"), true, false, false}, {kKvi, FourCC("VRBS"), false, true, true},
+      {acme, FourCC("VRBS"), false, false, false}, {kKvi, FourCC("AAC "), false, true, false},
+      {acme, FourCC("AAC "), false, false, false}, {acme, FourCC("MP3 "), false, true, false},
+      {kKvi, FourCC("LPCM"), false, true, false},  {acme, FourCC("LPCM"), false, false, false},
+      {kKvi, FourCC("AC3 "), false, false, false}, {kKvi, FourCC("OPUS"), false, false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(FourCCToString(c.maker) + "/" + FourCCToString(c.codec));
+    auto ask = [&](CAFormatter* f) { return c.video ? f->SupportsVideoCodec(c.maker, c.codec) : f->SupportsAudioCodec(c.maker, c.codec); };
+    EXPECT_EQ(ask(mkv.f), c.inMkv);
+    EXPECT_EQ(ask(webm.f), c.inWebm);
+  }
+  EXPECT_FALSE(mkv.f->SupportsEncoding());
+  EXPECT_FALSE(webm.f->SupportsEncoding());
+}
+
+TEST_F(PluginTest, NoFramesLeavesAnEmptyFile) {
+  const std::string path = dir.path("empty.mkv");
+  std::ofstream(path) << "stale content from an earlier job";
+  Host h;
+  ASSERT_EQ(h.begin(path), 0u);
+  EXPECT_EQ(h.f->EndFormatting(nullptr), 0u);
+  EXPECT_EQ(h.f->EndFormatting(nullptr), 0u);
+  EXPECT_EQ(readFile(path).size(), 0u);
+}
+
+TEST_F(PluginTest, RefusesUnknownCodecsAndUnopenablePathsWithoutWriting) {
+  Host badVideo, badAudio, badPath, dirPath;
+  badVideo.vc.params.codec = FourCC("XVID");
+  badAudio.ac.params.codec = FourCC("OPUS");
+  EXPECT_EQ(badVideo.begin(dir.path("v.mkv")), kUnknownVideo);
+  EXPECT_EQ(badAudio.begin(dir.path("a.mkv")), kUnknownAudio);
+  EXPECT_EQ(badPath.begin(dir.path("missing/dir/out.mkv")), kNotOpened);
+  EXPECT_EQ(dirPath.begin(dir.path("")), kNotOpened);
+  for (Host* h : {&badVideo, &badAudio, &badPath, &dirPath}) {
+    h->feed();  // ignored, and every packet still given back
+    EXPECT_EQ(h->f->EndFormatting(nullptr), 0u);
+  }
+  EXPECT_FALSE(std::ifstream(dir.path("v.mkv")).good());
+  EXPECT_FALSE(std::ifstream(dir.path("a.mkv")).good());
+
+  // The same object works once the host fixes the path.
+  ASSERT_EQ(badPath.begin(dir.path("fixed.mkv")), 0u);
+  badPath.videoFed = badPath.audioFed = 0;
+  badPath.feed();
+  badPath.f->EndFormatting(nullptr);
+  EXPECT_TRUE(complete(dir.path("fixed.mkv")));
+  EXPECT_EQ(packetsPerStream(dir.path("fixed.mkv")), (std::vector<int>{badPath.videoFed, badPath.audioFed}));
+}
+
+TEST_F(PluginTest, SurvivesOddSamples) {
+  // Samples before BeginFormatting are ignored.
+  Host h;
+  h.video(0, true);
+  h.audio(0);
+  ASSERT_EQ(h.begin(dir.path("odd.mkv"), true, false), 0u);
+  EXPECT_EQ(h.f->AddVideoSample(nullptr), 0u);
+  EXPECT_EQ(h.f->AddAudioSample(nullptr), 0u);
+  KVImage_t noData;
+  EXPECT_EQ(h.f->AddVideoSample(&noData), 0u);
+  KVAudio_t noPackets;
+  EXPECT_EQ(h.f->AddAudioSample(&noPackets), 0u);
+  h.audio(10);  // audio that the host did not ask for is released unread
+  KVImage_t emptyBundle = MakeVideoSample(nullptr, 0, 0, 1000, 0, true);
+  emptyBundle.data->TakePacket(0)->Release();
+  EXPECT_EQ(h.f->AddVideoSample(&emptyBundle), 0u);
+  ReleaseSample(emptyBundle);
+  // Empty packets, times that go backwards or before zero, odd units and a huge time.
+  h.video(0, true, 0);
+  h.video(40, false, 0);
+  h.video(400, false);
+  h.video(120, true);
+  h.video(-500, false);
+  KVImage_t s = MakeVideoSample(bytes(50, 1).data(), 50, 3, 0, 0, false);  // units of 0
+  h.f->AddVideoSample(&s);
+  ReleaseSample(s);
+  s = MakeVideoSample(bytes(50, 2).data(), 50, 1000000, 90000, -90000, true);
+  h.f->AddVideoSample(&s);
+  ReleaseSample(s);
+  h.video(500, true);
+  h.video(INT64_MAX, false);
+  h.video(600, true);
+  h.f->EndFormatting(nullptr);
+  EXPECT_TRUE(complete(dir.path("odd.mkv")));
+  EXPECT_LT(mkvmergeJson(dir.path("odd.mkv")).exitCode, 2);
+}
+
+TEST_F(PluginTest, MissingDecoderConfigurationStillFinishesTheFile) {
+  Host h;
+  h.vc.params.codec = FourCC("H264");
+  h.ac.params = {kKvi, FourCC("AAC "), 48000, 16, "Stereo", "AAC"};
+  ASSERT_EQ(h.begin(dir.path("noconfig.mkv")), 0u);
+  h.feed();
+  h.f->EndFormatting(nullptr);
+  EXPECT_TRUE(complete(dir.path("noconfig.mkv")));
+  EXPECT_LT(mkvmergeJson(dir.path("noconfig.mkv")).exitCode, 2);
+}
+
+TEST_F(PluginTest, ReleaseWithoutEndFormattingFinishesTheFile) {
+  const std::string path = dir.path("released.webm");
+  int video = 0;
+  {
+    Host h(kWebm);
+    ASSERT_EQ(h.begin(path, true, false), 0u);
+    h.feed();
+    video = h.videoFed;
+  }
+  EXPECT_TRUE(complete(path));
+  EXPECT_EQ(packetsPerStream(path), (std::vector<int>{video, 0}));
+}
+
+TEST_F(PluginTest, ReuseForASecondFileLeavesTheFirstIntact) {
+  Host h;
+  ASSERT_EQ(h.begin(dir.path("first.mkv")), 0u);
+  h.feed();
+  EXPECT_EQ(h.f->EndFormatting(nullptr), 0u);
+  const auto first = readFile(dir.path("first.mkv"));
+  const std::vector<int> firstCounts{h.videoFed, h.audioFed};
+  ASSERT_TRUE(complete(dir.path("first.mkv")));
+
+  h.videoFed = h.audioFed = 0;
+  ASSERT_EQ(h.begin(dir.path("second.mkv"), true, false), 0u);
+  h.feed(5000);
+  h.f->Release();  // the destructor finishes the second file
+  h.f = nullptr;
+  EXPECT_EQ(readFile(dir.path("first.mkv")), first);
+  EXPECT_EQ(packetsPerStream(dir.path("first.mkv")), firstCounts);
+  EXPECT_TRUE(complete(dir.path("second.mkv")));
+  EXPECT_EQ(packetsPerStream(dir.path("second.mkv"))[0], h.videoFed);
+}
+
+}  // namespace
