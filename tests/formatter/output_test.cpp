@@ -1,6 +1,5 @@
 // Files written through the loaded module, checked by independent readers and by walking the bytes.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "host_sdk/host_sdk.h"
+#include "host_sdk/plugin_module.h"
 #include "support/readers.h"
 
 using namespace kapsel_test;
@@ -26,9 +26,11 @@ enum : uint64_t {
   kChapters = 0x1043A770, kTags = 0x1254C367, kCluster = 0x1F43B675, kVoid = 0xEC
 };
 
-CreateFormatterFn createFormatter() {
-  static void* handle = dlopen(KAPSEL_FORMATTER_MODULE, RTLD_NOW | RTLD_LOCAL);
-  return handle ? reinterpret_cast<CreateFormatterFn>(dlsym(handle, "CreateFormatter")) : nullptr;
+const PluginModule& module() {
+  static PluginModule m;
+  static const bool opened = m.open(KAPSEL_FORMATTER_MODULE);
+  (void)opened;
+  return m;
 }
 
 // ---- a small EBML walker
@@ -290,7 +292,7 @@ struct Job {
   Array_c<CAceNameValuePair> meta;
   std::vector<std::unique_ptr<CAceMarker>> marks;
 
-  Job(uint32_t format, std::string out) : f(createFormatter()(kKvi, format)), path(std::move(out)) {}
+  Job(uint32_t format, std::string out) : f(module().create(kKvi, format)), path(std::move(out)) {}
   ~Job() {
     if (f) f->Release();
   }
@@ -379,7 +381,7 @@ void checkWithReaders(const Job& job, bool webm) {
 class OutputTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_NE(createFormatter(), nullptr) << dlerror();
+    ASSERT_TRUE(module().isOpen());
     for (const char* tool : {"ffprobe", "ffmpeg", "mkvmerge", "mkvinfo", "webm_info"})
       if (!haveTool(tool)) GTEST_SKIP() << tool << " is not installed";
   }

@@ -1,7 +1,6 @@
 // The formatter module as the host sees it: loaded with dlopen and driven only through its
 // entry points and the formatter's virtual interface, including the ways a host can misuse it.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "host_sdk/host_sdk.h"
+#include "host_sdk/plugin_module.h"
 #include "kapsel/kapsel.h"
 #include "support/readers.h"
 
@@ -23,23 +23,11 @@ constexpr uint32_t kMkv = FourCC("MKV ");
 constexpr uint32_t kWebm = FourCC("WEBM");
 constexpr uint32_t kUnknownVideo = 0x80090011, kUnknownAudio = 0x80090012, kNotOpened = 0x8009000F;
 
-struct Module {
-  void* handle = nullptr;
-  BXGetNumberFormattersFn count = nullptr;
-  BXGetFormatterInfoFn info = nullptr;
-  CreateFormatterFn create = nullptr;
-  Module() {
-    // Never closed: formatters may outlive a test body until the process ends.
-    handle = dlopen(KAPSEL_FORMATTER_MODULE, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) return;
-    count = reinterpret_cast<BXGetNumberFormattersFn>(dlsym(handle, "BXGetNumberFormatters"));
-    info = reinterpret_cast<BXGetFormatterInfoFn>(dlsym(handle, "BXGetFormatterInfo"));
-    create = reinterpret_cast<CreateFormatterFn>(dlsym(handle, "CreateFormatter"));
-  }
-};
-
-const Module& module() {
-  static Module m;
+const PluginModule& module() {
+  static PluginModule m;
+  static std::string error;
+  static const bool opened = m.open(KAPSEL_FORMATTER_MODULE, &error);
+  if (!opened) ADD_FAILURE() << error;
   return m;
 }
 
@@ -132,7 +120,7 @@ std::vector<int> packetsPerStream(const std::string& path) {
 
 class PluginTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(module().create) << dlerror(); }
+  void SetUp() override { ASSERT_TRUE(module().isOpen()); }
   // Every packet and bundle handed to the formatter has been given back.
   void TearDown() override {
     EXPECT_EQ(RefPacket::LiveCount(), 0);
@@ -156,7 +144,7 @@ TEST_F(PluginTest, ExportsOnlyTheThreeEntryPoints) {
 }
 
 TEST_F(PluginTest, EnumeratesAndCreatesFormatters) {
-  const Module& m = module();
+  const PluginModule& m = module();
   ASSERT_EQ(m.count(), 2u);
   const uint32_t expected[2] = {kMkv, kWebm};
   for (uint32_t i = 0; i < 2; ++i) {
