@@ -222,6 +222,11 @@ bool SharedFile::setSize(uint64_t newSize) {
 }
 
 bool SharedFile::load(uint64_t position, unsigned long* numBytes, unsigned char* dst) {
+  // A line that starts at or beyond the end holds nothing yet: appending costs no read.
+  if (file_ != nullptr && position >= size_) {
+    *numBytes = 0;
+    return true;
+  }
   streamPos_ = -1;
   if (file_ == nullptr || fseeko(file_, static_cast<off_t>(position), SEEK_SET) != 0) return false;
   *numBytes = static_cast<unsigned long>(std::fread(dst, 1, *numBytes, file_));
