@@ -38,8 +38,7 @@ TCache::TLine* TCache::getLine(uint64_t position) {
   unsigned long n = lineSize_;
   line->ready = provider_ != nullptr && provider_->load(line->head, &n, line->data.data());
   if (!line->ready) n = 0;
-  // A recycled line must not leak its old bytes into the part past the end of the file.
-  if (n < lineSize_) std::memset(line->data.data() + n, 0, lineSize_ - n);
+  // Bytes past the tail are stale; they are zeroed when the tail moves over them.
   line->tail = line->head + n;
   return line;
 }
@@ -60,6 +59,10 @@ TCache::TLine* TCache::addLine(uint64_t position) {
   line->head = line->tail = position - position % lineSize_;
   line->ready = line->dirty = false;
   return line;
+}
+
+void TCache::zeroUpTo(TLine* line, uint64_t position) {
+  std::memset(line->data.data() + (line->tail - line->head), 0, position - line->tail);
 }
 
 bool TCache::flush(TLine* line) {
@@ -84,6 +87,7 @@ unsigned long TCache::save(uint64_t position, unsigned long numBytes, const unsi
     const uint64_t lineEnd = std::min<uint64_t>(l + lineSize_, end);
     const uint64_t from = std::max<uint64_t>(l, position);
     const uint64_t count = lineEnd - from;
+    if (line->tail < from) zeroUpTo(line, from);
     if (line->tail < lineEnd) line->tail = lineEnd;
     if (count > 0) {
       line->ready = line->dirty = true;
@@ -126,11 +130,11 @@ void TCache::truncate(uint64_t newSize) {
       lines_[linesInUse_ - 1] = nullptr;
       --linesInUse_;
     } else if (line->head == t) {
-      // Bytes cut off must not come back if the file is lengthened again.
-      if (line->tail > newSize) std::memset(line->data.data() + (newSize - t), 0, line->tail - newSize);
+      if (line->tail < newSize) zeroUpTo(line, newSize);
       line->tail = newSize;
     } else if (line->tail < line->head + lineSize_) {
       // The file was lengthened past this short line: all of it is now inside the file.
+      zeroUpTo(line, line->head + lineSize_);
       line->tail = line->head + lineSize_;
     }
   }

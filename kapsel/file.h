@@ -53,6 +53,8 @@ class TCache {
   TLine* getLine(uint64_t position);
   TLine* addLine(uint64_t position);
   void adjustLineSize(unsigned long numBytes);
+  // Zeroes the line from its tail up to `position` (a file position inside the line).
+  void zeroUpTo(TLine* line, uint64_t position);
 
   ICacheDataProvider* provider_;
   unsigned long lineSize_;
