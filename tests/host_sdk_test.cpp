@@ -4,21 +4,16 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <vector>
 
 #include "host_sdk/host_sdk.h"
 
 namespace {
 
-TEST(HostSdkFourCC, PacksFirstCharacterIntoHighByte) {
+TEST(HostSdkFourCC, FirstCharacterInHighByteAndUnprintableMasked) {
   static_assert(FourCC("KVI ") == 0x4B564920u, "usable at compile time");
-  EXPECT_EQ(FourCC("abcd"), 0x61626364u);
   // Bytes above 0x7F must not sign-extend into the neighbouring bytes.
   EXPECT_EQ(FourCC("A\x80\xfe\xff"), 0x4180FEFFu);
-}
-
-TEST(HostSdkFourCC, ToStringRoundTripsAndMasksUnprintable) {
   EXPECT_EQ(FourCCToString(FourCC("KVI ")), "KVI ");
   EXPECT_EQ(FourCCToString(0x41004243u), "A.BC");
   EXPECT_EQ(FourCCToString(0), "....");
@@ -28,27 +23,20 @@ TEST(HostSdkMarker, SecondsAndExplicitUnits) {
   CAceMarker fromSeconds(CAceMarker::kMarkerTypeChapter, "Intro", 1.5);
   EXPECT_EQ(fromSeconds.GetTimeValue(), 1500000);
   EXPECT_EQ(fromSeconds.GetTimeUnits(), 1000000u);
-  EXPECT_DOUBLE_EQ(fromSeconds.GetEncodedFrameTime(), 1.5);
   // Rounded, not truncated.
   EXPECT_EQ(CAceMarker(2, "x", 0.0000019).GetTimeValue(), 2);
-
-  CAceMarker explicitUnits(2, "Two", int64_t{90000}, uint64_t{90000});
-  EXPECT_DOUBLE_EQ(explicitUnits.GetEncodedFrameTime(), 1.0);
+  EXPECT_DOUBLE_EQ(CAceMarker(2, "Two", int64_t{90000}, uint64_t{45000}).GetEncodedFrameTime(), 2.0);
   EXPECT_DOUBLE_EQ(CAceMarker(2, "Zero units", int64_t{5}, uint64_t{0}).GetEncodedFrameTime(), 0.0);
 }
 
 class HostSdkBundle : public ::testing::Test {
  protected:
-  void SetUp() override {
-    packets0_ = RefPacket::LiveCount();
-    bundles0_ = RefPacketBundle::LiveCount();
-  }
   void TearDown() override {
     EXPECT_EQ(RefPacket::LiveCount(), packets0_);
     EXPECT_EQ(RefPacketBundle::LiveCount(), bundles0_);
   }
-  int64_t packets0_ = 0;
-  int64_t bundles0_ = 0;
+  const int64_t packets0_ = RefPacket::LiveCount();
+  const int64_t bundles0_ = RefPacketBundle::LiveCount();
 };
 
 TEST_F(HostSdkBundle, TakeFindAndReleaseOwnership) {
@@ -58,21 +46,16 @@ TEST_F(HostSdkBundle, TakeFindAndReleaseOwnership) {
   bundle->Add(new RefPacket({3}, 20, 1000));
   bundle->Add(new RefPacket({4}, 30, 1000, IPacket::kPacketTypeDescriptor));
   EXPECT_EQ(RefPacket::LiveCount(), packets0_ + 4);
-  EXPECT_EQ(RefPacketBundle::LiveCount(), bundles0_ + 1);
-
-  EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor)->GetData()[0], 2);
+  // Occurrences count from 1.
   EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 1)->GetData()[0], 2);
   EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 2)->GetData()[0], 4);
   EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor, nullptr, 4), nullptr);
-  EXPECT_EQ(bundle->GetPacket(4), nullptr);
   EXPECT_EQ(bundle->TakePacket(4), nullptr);
 
   // Taking removes the packet and shifts the rest down.
   IPacket* taken = bundle->TakePacket(1);
   ASSERT_NE(taken, nullptr);
   EXPECT_EQ(taken->GetData()[0], 2);
-  EXPECT_EQ(taken->GetTimeValue(), 10);
-  EXPECT_EQ(bundle->GetCount(), 3u);
   EXPECT_EQ(bundle->GetPacket(1)->GetData()[0], 3);
   EXPECT_EQ(bundle->Find(IPacket::kPacketTypeDescriptor)->GetData()[0], 4);
 
@@ -90,9 +73,6 @@ TEST_F(HostSdkBundle, SampleBuilders) {
   KVImage_t plain = MakeVideoSample(frame, sizeof frame, 3003, 90000, 1001, false);
   EXPECT_EQ(plain.descriptors, nullptr);
   EXPECT_TRUE(plain.notKeyFrame);
-  EXPECT_EQ(plain.time, 3003);
-  EXPECT_EQ(plain.timeUnits, 90000u);
-  EXPECT_EQ(plain.compositionOffset, 1001);
   ASSERT_EQ(plain.data->GetCount(), 1u);
   IPacket* packet = plain.data->GetPacket(0);
   EXPECT_EQ(packet->GetType(), IPacket::kPacketTypeData);
@@ -100,7 +80,6 @@ TEST_F(HostSdkBundle, SampleBuilders) {
   EXPECT_EQ(std::memcmp(packet->GetData(), frame, 3), 0);
 
   KVImage_t withConfig = MakeVideoSample(frame, sizeof frame, 0, 1000, 0, true, &config);
-  EXPECT_FALSE(withConfig.notKeyFrame);
   ASSERT_NE(withConfig.descriptors, nullptr);
   IPacket* descriptor = withConfig.descriptors->Find(IPacket::kPacketTypeDescriptor);
   ASSERT_NE(descriptor, nullptr);
@@ -109,13 +88,7 @@ TEST_F(HostSdkBundle, SampleBuilders) {
   KVAudio_t audio = MakeAudioSample({{{1, 2}, 0, 48000}, {{3}, 1024, 48000}}, &config);
   ASSERT_EQ(audio.packets->GetCount(), 2u);
   EXPECT_EQ(audio.packets->GetPacket(1)->GetTimeValue(), 1024);
-  EXPECT_EQ(audio.packets->GetPacket(1)->GetTimeUnits(), 48000u);
   ASSERT_NE(audio.descriptors, nullptr);
-  KVAudio_t empty = MakeAudioSample({});
-  EXPECT_EQ(empty.descriptors, nullptr);
-  ASSERT_NE(empty.packets, nullptr);
-  EXPECT_EQ(empty.packets->GetCount(), 0u);
-  ReleaseSample(empty);
 
   // A formatter typically takes the frame packet and releases it itself.
   withConfig.data->TakePacket(0)->Release();
@@ -152,10 +125,8 @@ class ProbeFormatter : public CAFormatter {
   const std::vector<unsigned char>* GetSequenceParameterSet() const override { return &sps; }
 
   using CAFormatter::AudioCompressors;
-  using CAFormatter::AudioExpected;
   using CAFormatter::ChapterMarkers;
   using CAFormatter::DurationHintEnd;
-  using CAFormatter::DurationHintStart;
   using CAFormatter::DurationHintTimeScale;
   using CAFormatter::MetaData;
   using CAFormatter::OutputFile;
@@ -169,23 +140,24 @@ class ProbeFormatter : public CAFormatter {
   bool* destroyed_;
 };
 
-TEST(HostSdkFormatterBase, DefaultsAreNeutral) {
-  ProbeFormatter f;
-  EXPECT_EQ(f.DurationHintStart(), 0u);
-  EXPECT_EQ(f.DurationHintEnd(), 0u);
-  EXPECT_EQ(f.DurationHintTimeScale(), 1u);
-  EXPECT_FALSE(f.VideoExpected());
-  EXPECT_FALSE(f.AudioExpected());
-  EXPECT_TRUE(f.OutputFile().empty());
-  EXPECT_EQ(f.GetOutputStreamMode(), kOutputStreamFile);
-  EXPECT_EQ(f.CreateCopy(), nullptr);
-  EXPECT_EQ(f.BeginFormatting(), 0u);
+TEST(HostSdkFormatterBase, NeutralDefaultsOverridesAndRelease) {
+  bool destroyed = false;
+  CAFormatter* f = new ProbeFormatter(&destroyed);
+  EXPECT_EQ(static_cast<ProbeFormatter*>(f)->DurationHintTimeScale(), 1u);
+  EXPECT_EQ(f->GetOutputStreamMode(), kOutputStreamFile);
+  EXPECT_EQ(f->CreateCopy(), nullptr);
   uint64_t t = 7;
-  EXPECT_FALSE(f.GetNextImageTime(t));
+  EXPECT_FALSE(f->GetNextImageTime(t));
   bool multi = true;
   int pass = 5, passes = 5;
-  f.GetPassInfo(multi, pass, passes);
+  f->GetPassInfo(multi, pass, passes);
   EXPECT_FALSE(multi);
+
+  f->SetInputColorFormat(kColorFormatYUV420);
+  EXPECT_EQ(static_cast<ProbeFormatter*>(f)->lastColor, kColorFormatYUV420);
+  EXPECT_EQ(f->GetSequenceParameterSet()->size(), 2u);
+  EXPECT_EQ(f->Release(), 0u);
+  EXPECT_TRUE(destroyed);
 }
 
 TEST(HostSdkFormatterBase, StoresDeepCopiesAndCopiesOnAssignment) {
@@ -196,12 +168,12 @@ TEST(HostSdkFormatterBase, StoresDeepCopiesAndCopiesOnAssignment) {
     Array_c<CAceNameValuePair> meta;
     meta.Add(CAceNameValuePair("Title", "Sunrise"));
     meta.Add(CAceNameValuePair("Artist", "Someone"));
-    auto chapter1 = std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "One", 0.0);
-    auto chapter2 = std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "Two", 12.25);
+    CAceMarker one(CAceMarker::kMarkerTypeChapter, "One", 0.0);
+    CAceMarker two(CAceMarker::kMarkerTypeChapter, "Two", 12.25);
     CAceMarkerPtrList markers;
-    markers.Add(chapter1.get());
+    markers.Add(&one);
     markers.Add(nullptr);  // skipped, not dereferenced
-    markers.Add(chapter2.get());
+    markers.Add(&two);
     Array_c<IVideoCompressor*> videos;
     videos.Add(&video);
     Array_c<IAudioCompressor*> audios;
@@ -218,27 +190,21 @@ TEST(HostSdkFormatterBase, StoresDeepCopiesAndCopiesOnAssignment) {
   }  // the caller's objects are gone now
 
   ASSERT_EQ(f.MetaData().GetCount(), 2u);
-  EXPECT_EQ(f.MetaData()[1].GetName(), "Artist");
   EXPECT_EQ(f.MetaData()[1].GetValue(), "Someone");
   ASSERT_EQ(f.ChapterMarkers().size(), 2u);
   EXPECT_EQ(f.ChapterMarkers()[1].GetName(), "Two");
   EXPECT_DOUBLE_EQ(f.ChapterMarkers()[1].GetEncodedFrameTime(), 12.25);
   ASSERT_EQ(f.VideoCompressors().GetCount(), 1u);
   EXPECT_EQ(f.VideoCompressors()[0], &video);
-  EXPECT_EQ(f.AudioCompressors()[0], &audio);
 
   ProbeFormatter copy;
   copy = f;
   EXPECT_EQ(copy.OutputFile(), "/tmp/out.mkv");
-  EXPECT_EQ(copy.DurationHintStart(), 100u);
   EXPECT_EQ(copy.DurationHintEnd(), 2100u);
   EXPECT_EQ(copy.DurationHintTimeScale(), 1000u);
   EXPECT_TRUE(copy.VideoExpected());
-  EXPECT_FALSE(copy.AudioExpected());
   EXPECT_EQ(copy.GetOutputStreamMode(), kOutputStreamPipe);
-  EXPECT_EQ(copy.MetaData().GetCount(), 2u);
   EXPECT_EQ(copy.ChapterMarkers().size(), 2u);
-  EXPECT_EQ(copy.VideoCompressors().GetCount(), 1u);
   EXPECT_EQ(copy.AudioCompressors().GetCount(), 1u);
 
   // Null clears.
@@ -247,17 +213,6 @@ TEST(HostSdkFormatterBase, StoresDeepCopiesAndCopiesOnAssignment) {
   EXPECT_TRUE(f.MetaData().IsEmpty());
   EXPECT_TRUE(f.ChapterMarkers().empty());
   EXPECT_EQ(copy.MetaData().GetCount(), 2u);
-}
-
-TEST(HostSdkFormatterBase, OverridesDispatchAndReleaseDeletes) {
-  bool destroyed = false;
-  CAFormatter* f = new ProbeFormatter(&destroyed);
-  f->SetInputColorFormat(kColorFormatYUV420);
-  EXPECT_EQ(static_cast<ProbeFormatter*>(f)->lastColor, kColorFormatYUV420);
-  ASSERT_NE(f->GetSequenceParameterSet(), nullptr);
-  EXPECT_EQ(f->GetSequenceParameterSet()->size(), 2u);
-  EXPECT_EQ(f->Release(), 0u);
-  EXPECT_TRUE(destroyed);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
