@@ -61,10 +61,7 @@ size_t sizeFieldAt(const RawElt& e) {
 std::vector<RawElt> rawChildren(const Bytes& b, size_t from, size_t to) {
   std::vector<RawElt> out;
   RawElt e;
-  while (from < to && rawElement(b, from, to, e)) {
-    out.push_back(e);
-    from = e.end;
-  }
+  for (; from < to && rawElement(b, from, to, e); from = e.end) out.push_back(e);
   return out;
 }
 
@@ -147,26 +144,17 @@ std::vector<Frame> framesOf(MatroskaDoc& doc) {
           ReceiptPtr r = block.getFrame(i);
           Bytes d(r ? r->numBytes() : 0);
           if (!d.empty() && !r->load(d.data())) d.clear();
-          out.push_back({block.getTrackNumber(), static_cast<int64_t>(c->timecode_->get()) + block.getRelativeTimecode(), d});
+          const int64_t time = static_cast<int64_t>(c->timecode_->get()) + block.getRelativeTimecode();
+          out.push_back({block.getTrackNumber(), time, d});
         }
       }
   return out;
 }
 
-// Frame sizes per track, tracks numbered by their order in the file (as ffprobe numbers streams).
+// Frame sizes per stream; the sample files number their tracks 1 and 2 in stream order.
 std::map<int, std::vector<int64_t>> sizesByStream(MatroskaDoc& doc) {
-  std::map<uint64_t, int> streamOf;
-  int n = 0;
-  if (!doc.segments_.empty())
-    for (auto& t : doc.segments_.front()->tracks_->tracks_) streamOf[t->trackNumber_->get()] = n++;
   std::map<int, std::vector<int64_t>> out;
-  for (const auto& f : framesOf(doc)) out[streamOf.count(f.track) ? streamOf[f.track] : -1].push_back(static_cast<int64_t>(f.data.size()));
-  return out;
-}
-
-std::map<int, std::vector<int64_t>> sizesByStream(const std::vector<ProbePacket>& packets) {
-  std::map<int, std::vector<int64_t>> out;
-  for (const auto& p : packets) out[p.stream].push_back(p.size);
+  for (const auto& f : framesOf(doc)) out[static_cast<int>(f.track) - 1].push_back(static_cast<int64_t>(f.data.size()));
   return out;
 }
 
@@ -207,31 +195,32 @@ void buildDocument(WebmDoc& doc, MemoryStorage& storage, const std::vector<Frame
   SimpleTag& simple = *tag.simpleTags_.add();
   simple.name_->set("TITLE"), simple.string_->set("round trip");
 
-  std::vector<ClusterElt*> clusters;
+  SeekHeadElt& first = seg.seekHeads_.add();
+  SeekHeadElt& second = seg.seekHeads_.add();
   for (int c = 0; c < 2; ++c) {
     ClusterElt& cluster = seg.clusters_.add();
     cluster->timecode_->set(static_cast<uint64_t>(c) * 1000);
-    clusters.push_back(&cluster);
+    second->indexThis(&segElt, &cluster);
     uint64_t blocks = 0, textBlock = 0;
     for (const auto& f : frames) {
       if (f.time / 1000 != c) continue;
       SimpleBlock block;
       block.setTrackNumber(f.track);
       block.setRelativeTimecode(static_cast<short>(f.time - c * 1000));
+      block.setKeyframe(f.track == 1);
       block.addFrame(f.data.data(), static_cast<unsigned long>(f.data.size()), storage);
       ++blocks;
       if (f.track == 1) {
-        block.setKeyframe(true);
         Cluster::SimpleBlockElt e;
         block.exportData(e->data(), storage);
         cluster->blocks_.push_back(e);
-      } else {
-        textBlock = blocks;
-        Cluster::BlockGroupElt g;
-        g->duration_->set(400);
-        block.exportData(g->block_->data(), storage);
-        cluster->blocks_.push_back(g);
+        continue;
       }
+      textBlock = blocks;
+      Cluster::BlockGroupElt g;  // text goes in a group for its duration
+      g->duration_->set(400);
+      block.exportData(g->block_->data(), storage);
+      cluster->blocks_.push_back(g);
     }
     CuePoint& point = *seg.cues_->points_.add();
     point.time_->set(static_cast<uint64_t>(c) * 1000);
@@ -242,53 +231,40 @@ void buildDocument(WebmDoc& doc, MemoryStorage& storage, const std::vector<Frame
       if (track == 2) pos.blockNumber_->set(textBlock);
     }
   }
-  SeekHeadElt& first = seg.seekHeads_.add();
-  SeekHeadElt& second = seg.seekHeads_.add();
-  first->indexThis(&segElt, &seg.info_);
-  first->indexThis(&segElt, &seg.tracks_);
-  first->indexThis(&segElt, &seg.chapters_);
-  first->indexThis(&segElt, &seg.cues_);
-  first->indexThis(&segElt, &seg.tags_.front());
-  first->indexThis(&segElt, &second);
-  for (ClusterElt* c : clusters) second->indexThis(&segElt, c);
+  for (IElement* e : std::vector<IElement*>{&seg.info_, &seg.tracks_, &seg.chapters_, &seg.cues_, &seg.tags_.front(),
+                                            &second})
+    first->indexThis(&segElt, e);
 }
 
 // ---------------------------------------------------------------- EBML header
 
 TEST(DocumentHeader, ByteExactForEachDocumentKindAndKeptOnReload) {
   TempDir dir;
-  const Bytes head = {0x1A, 0x45, 0xDF, 0xA3, 0xA3, 0x42, 0x86, 0x81, 0x01, 0x42, 0xF7, 0x81, 0x01,
-                      0x42, 0xF2, 0x81, 0x04, 0x42, 0xF3, 0x81, 0x08};
-  auto with = [&](const Bytes& tail) {
-    Bytes b = head;
+  auto head = [](const Bytes& tail) {
+    Bytes b = {0x1A, 0x45, 0xDF, 0xA3, 0xA3, 0x42, 0x86, 0x81, 0x01, 0x42, 0xF7, 0x81, 0x01,
+               0x42, 0xF2, 0x81, 0x04, 0x42, 0xF3, 0x81, 0x08};
     b.insert(b.end(), tail.begin(), tail.end());
     return b;
   };
-  const Bytes webm = with({0x42, 0x82, 0x84, 'w', 'e', 'b', 'm', 0xEC, 0x82, 0x00, 0x00,  // DocType, Void
+  const Bytes webm = head({0x42, 0x82, 0x84, 'w', 'e', 'b', 'm', 0xEC, 0x82, 0x00, 0x00,  // DocType, Void
                            0x42, 0x87, 0x81, 0x02, 0x42, 0x85, 0x81, 0x02});
-  const Bytes mkv2 = with({0x42, 0x82, 0x88, 'm', 'a', 't', 'r', 'o', 's', 'k', 'a',  //
-                           0x42, 0x87, 0x81, 0x02, 0x42, 0x85, 0x81, 0x02});
-  const Bytes mkv1 = with({0x42, 0x82, 0x88, 'm', 'a', 't', 'r', 'o', 's', 'k', 'a',  //
-                           0x42, 0x87, 0x81, 0x01, 0x42, 0x85, 0x81, 0x01});
+  auto mkv = [&](unsigned char v) {
+    return head({0x42, 0x82, 0x88, 'm', 'a', 't', 'r', 'o', 's', 'k', 'a', 0x42, 0x87, 0x81, v, 0x42, 0x85, 0x81, v});
+  };
   auto bytesOf = [&](const MatroskaDoc& doc) {
-    const std::string p = dir.path("head");
-    EXPECT_TRUE(saveTo(doc, p));
-    return readFile(p);
+    EXPECT_TRUE(saveTo(doc, dir.path("head")));
+    return readFile(dir.path("head"));
   };
   EXPECT_EQ(bytesOf(WebmDoc(kFileFormatWebm)), webm);
-  EXPECT_EQ(bytesOf(WebmDoc(kFileFormatMatroska)), mkv2);
-  EXPECT_EQ(bytesOf(WebmDoc(static_cast<TFileFormat>(7))), mkv2);
-  EXPECT_EQ(bytesOf(MatroskaDoc()), mkv1);
+  EXPECT_EQ(bytesOf(WebmDoc(kFileFormatMatroska)), mkv(2));
+  EXPECT_EQ(bytesOf(WebmDoc(static_cast<TFileFormat>(7))), mkv(2));
+  EXPECT_EQ(bytesOf(MatroskaDoc()), mkv(1));
 
   // Loaded back, the header keeps its values and the Void after "webm", and saves the same bytes.
   writeBytes(dir.path("in"), webm);
   MatroskaDoc loaded;
   FileStorage in(dir.path("in"), File::kReadOnly);
   EXPECT_EQ(loaded.load(in, webm.size()), webm.size());
-  EXPECT_EQ(loaded.head_->docType_->get(), "webm");
-  EXPECT_EQ(loaded.head_->docTypeVersion_->get(), 2u);
-  ASSERT_EQ(loaded.head_->docType_->voids().size(), 1u);
-  EXPECT_EQ(loaded.head_->docType_->voids().front()->get(), 2u);
   EXPECT_TRUE(loaded.segments_.empty());
   EXPECT_EQ(bytesOf(loaded), webm);
 }
@@ -310,6 +286,14 @@ class SavedDocument : public ::testing::TestWithParam<bool> {
     ASSERT_EQ(top.size(), 2u);
     ASSERT_EQ(top[1].id, Segment::kId);
     segment_ = top[1];
+  }
+
+  // The element of the given id at this offset from the segment's payload.
+  RawElt at(uint64_t offset, uint64_t id) {
+    RawElt e;
+    EXPECT_TRUE(rawElement(bytes_, segment_.payload + offset, bytes_.size(), e));
+    EXPECT_EQ(e.id, id);
+    return e;
   }
 
   bool webm_ = false;
@@ -334,45 +318,32 @@ TEST_P(SavedDocument, LayoutReferencesAndCrc32InTheBytes) {
 
   // Each top-level master starts with a CRC-32 of the rest of its payload, most significant byte first.
   for (const auto& k : kids) {
-    SCOPED_TRACE(k.id);
     ASSERT_GE(k.end - k.payload, 6u);
-    EXPECT_EQ(bytes_[k.payload], 0xBF);
-    EXPECT_EQ(bytes_[k.payload + 1], 0x84);
+    ASSERT_EQ(bytes_[k.payload] << 8 | bytes_[k.payload + 1], 0xBF84) << k.id;
     const unsigned char* v = &bytes_[k.payload + 2];
     const uint32_t stored = uint32_t(v[0]) << 24 | uint32_t(v[1]) << 16 | uint32_t(v[2]) << 8 | v[3];
-    EXPECT_EQ(stored, crc32Of(&bytes_[k.payload + 6], k.end - k.payload - 6));
+    EXPECT_EQ(stored, crc32Of(&bytes_[k.payload + 6], k.end - k.payload - 6)) << k.id;
   }
 
   // Every seek entry names the element at the position it gives; cue positions land on the right cluster.
-  size_t entries = 0;
-  for (const auto& head : kids) {
-    if (head.id != kSeekHead) continue;
-    for (const auto& seek : rawChildren(bytes_, head)) {
+  size_t entries = 0, positions = 0;
+  for (const auto& head : kids)
+    for (const auto& seek : head.id == kSeekHead ? rawChildren(bytes_, head) : std::vector<RawElt>{}) {
       if (seek.id != 0x4DBB) continue;
       const auto fields = rawChildren(bytes_, seek);
       ASSERT_TRUE(rawChild(fields, 0x53AB) && rawChild(fields, 0x53AC));
-      RawElt target;
-      ASSERT_TRUE(rawElement(bytes_, segment_.payload + rawUInt(bytes_, *rawChild(fields, 0x53AC)), bytes_.size(), target));
-      EXPECT_EQ(target.id, rawUInt(bytes_, *rawChild(fields, 0x53AB)));
+      at(rawUInt(bytes_, *rawChild(fields, 0x53AC)), rawUInt(bytes_, *rawChild(fields, 0x53AB)));
       ++entries;
     }
-  }
   EXPECT_EQ(entries, 8u);
-  const RawElt* cues = rawChild(kids, kCues);
-  size_t positions = 0;
-  for (const auto& point : rawChildren(bytes_, *cues)) {
-    if (point.id != 0xBB) continue;
+  for (const auto& point : rawChildren(bytes_, *rawChild(kids, kCues))) {
     const auto pk = rawChildren(bytes_, point);
-    const RawElt* timeElt = rawChild(pk, 0xB3);
-    ASSERT_TRUE(timeElt);
-    const uint64_t time = rawUInt(bytes_, *timeElt);
+    if (point.id != 0xBB) continue;
+    ASSERT_TRUE(rawChild(pk, 0xB3));
     for (const auto& pos : pk) {
       if (pos.id != 0xB7) continue;
-      RawElt cluster;
-      const uint64_t at = rawUInt(bytes_, *rawChild(rawChildren(bytes_, pos), 0xF1));
-      ASSERT_TRUE(rawElement(bytes_, segment_.payload + at, bytes_.size(), cluster));
-      ASSERT_EQ(cluster.id, kCluster);
-      EXPECT_EQ(rawUInt(bytes_, *rawChild(rawChildren(bytes_, cluster), 0xE7)), time);
+      const RawElt cluster = at(rawUInt(bytes_, *rawChild(rawChildren(bytes_, pos), 0xF1)), kCluster);
+      EXPECT_EQ(rawUInt(bytes_, *rawChild(rawChildren(bytes_, cluster), 0xE7)), rawUInt(bytes_, *rawChild(pk, 0xB3)));
       ++positions;
     }
   }
@@ -383,68 +354,23 @@ TEST_P(SavedDocument, LayoutReferencesAndCrc32InTheBytes) {
   EXPECT_EQ(readFile(dir_.path("again")), bytes_);
 }
 
-TEST_P(SavedDocument, LoadsBackElementByElement) {
-  MatroskaDoc doc;
+TEST_P(SavedDocument, LoadsBackAndSavesTheSameBytes) {
+  WebmDoc doc;
   FileStorage in(path_, File::kReadOnly);
   ASSERT_EQ(doc.loadAndKeepReceipts(in, bytes_.size()), bytes_.size());
-  EXPECT_EQ(doc.head_->docType_->get(), webm_ ? "webm" : "matroska");
-  EXPECT_EQ(doc.head_->docTypeReadVersion_->get(), 2u);
+  doc.setFileFormat(webm_ ? kFileFormatWebm : kFileFormatMatroska);
   ASSERT_EQ(doc.segments_.size(), 1u);
-  MatroskaDoc::SegmentElt& segElt = doc.segments_.front();
-  Segment& seg = *segElt;
-
-  const SegInfo& info = *seg.info_;
-  EXPECT_EQ(info.title_->get() + "|" + info.writingApp_->get() + "|" + info.muxingApp_->get(),
-            std::string("round trip|document test|") + kLibraryIdentification);
-  EXPECT_EQ(info.timecodeScale_->get(), 1000000u);
-  EXPECT_EQ(info.duration_->get(), 2000.0);
-  EXPECT_EQ(info.segmentUid_->get(), doc_->segments_.front()->info_->segmentUid_->get());
-  ASSERT_EQ(seg.tracks_->tracks_.size(), 2u);
-  const Track& a = *seg.tracks_->tracks_[0];
-  const Track& t = *seg.tracks_->tracks_[1];
-  EXPECT_EQ(std::vector<uint64_t>({a.trackNumber_->get(), a.trackUid_->get(), a.trackType_->get(), a.audio_->channels_->get(),
-                                   a.audio_->bitDepth_->get(), t.trackType_->get(), t.flagLacing_->get()}),
-            std::vector<uint64_t>({1, 1111, 2, 1, 16, 0x11, 0}));
-  EXPECT_EQ(a.codecId_->get() + "|" + a.language_->get() + "|" + t.name_->get() + "|" + t.language_->get(),
-            "A_PCM/INT/LIT|und|notes|eng");
-  EXPECT_EQ(a.audio_->samplingFrequency_->get(), 16000.0);
-  ASSERT_EQ(seg.chapters_->editions_.size(), 1u);
-  const Edition& ed = *seg.chapters_->editions_.front();
-  EXPECT_EQ(ed.uid_->get(), 77u);
-  ASSERT_EQ(ed.atoms_.size(), 2u);
-  EXPECT_EQ(ed.atoms_[1]->timeStart_->get(), 1000000000u);
-  EXPECT_EQ(ed.atoms_[1]->displays_.front()->string_->get(), "Second");
-  ASSERT_EQ(seg.tags_.size(), 1u);
-  EXPECT_EQ(seg.tags_.front()->tags_.front()->simpleTags_.front()->string_->get(), "round trip");
-
-  ASSERT_EQ(seg.clusters_.size(), 2u);
+  Segment& seg = *doc.segments_.front();
+  EXPECT_EQ(seg.info_->muxingApp_->get(), kLibraryIdentification);
   EXPECT_EQ(framesOf(doc), frames_);
-  size_t groups = 0;
-  for (auto& c : seg.clusters_)
-    for (IElement* e : c->blocks_.elements())
-      if (auto* g = dynamic_cast<Cluster::BlockGroupElt*>(e)) {
-        EXPECT_EQ((*g)->duration_->get(), 400u);
-        ++groups;
-      }
-  EXPECT_EQ(groups, 2u);
 
   // References point at the loaded elements themselves.
   ASSERT_EQ(seg.cues_->points_.size(), 2u);
-  for (size_t c = 0; c < 2; ++c) {
-    const CuePoint& p = *seg.cues_->points_[c];
-    EXPECT_EQ(p.time_->get(), c * 1000);
-    for (const auto& pos : p.positions_) EXPECT_EQ(pos->clusterPosition_->getElt(), &seg.clusters_[c]);
-  }
+  for (size_t c = 0; c < 2; ++c)
+    for (const auto& pos : seg.cues_->points_[c]->positions_)
+      EXPECT_EQ(pos->clusterPosition_->getElt(), &seg.clusters_[c]);
   EXPECT_EQ(seg.cues_->points_[1]->positions_[1]->blockNumber_->get(), 7u);
   ASSERT_EQ(seg.seekHeads_.size(), 2u);
-  const uint64_t base = segElt.payloadReceipt()->position();
-  for (auto& head : seg.seekHeads_)
-    for (auto& entry : head->entries_) {
-      const IElement* target = entry->position_->getElt();
-      ASSERT_NE(target, nullptr);
-      EXPECT_EQ(target->getId(), entry->id_->get());
-      EXPECT_EQ(target->storageReceipt()->position(), base + entry->position_->position());
-    }
   EXPECT_EQ((*seg.seekHeads_[0]->findFirst(kInfo))->position_->getElt(), &seg.info_);
   EXPECT_EQ((*seg.seekHeads_[0]->findFirst(kSeekHead))->position_->getElt(), &seg.seekHeads_[1]);
   EXPECT_EQ(seg.seekHeads_[1]->entries_.back()->position_->getElt(), &seg.clusters_[1]);
@@ -453,14 +379,15 @@ TEST_P(SavedDocument, LoadsBackElementByElement) {
   std::vector<IElement*> top = {&seg.info_, &seg.tracks_, &seg.cues_, &seg.chapters_, &seg.tags_.front()};
   for (auto& h : seg.seekHeads_) top.push_back(&h);
   for (auto& c : seg.clusters_) top.push_back(&c);
-  for (IElement* e : top) {
-    EXPECT_TRUE(e->shouldComputeCrc32()) << e->getName();
-    EXPECT_TRUE(e->crc32Matched()) << e->getName();
-  }
+  for (IElement* e : top) EXPECT_TRUE(e->shouldComputeCrc32() && e->crc32Matched()) << e->getName();
+
+  // Every value, block group and reference survives: saved again, the file is the same.
+  ASSERT_TRUE(saveTo(doc, dir_.path("again")));
+  EXPECT_EQ(readFile(dir_.path("again")), bytes_);
 }
 
 TEST_P(SavedDocument, SeekHeadGuidedLoadAndOpenSizes) {
-  {
+  for (bool clusters : {true, false}) {
     MatroskaDoc doc;
     FileStorage in(path_, File::kReadOnly);
     ASSERT_TRUE(doc.loadSeekHead(in, bytes_.size()));
@@ -468,21 +395,13 @@ TEST_P(SavedDocument, SeekHeadGuidedLoadAndOpenSizes) {
     EXPECT_EQ(seg.seekHeads_.size(), 1u);
     EXPECT_TRUE(seg.clusters_.empty());
     EXPECT_FALSE(seg.info_.storageReceipt());
-    ASSERT_TRUE(doc.loadViaSeekHead(in, nullptr, true));
+    ASSERT_TRUE(doc.loadViaSeekHead(in, nullptr, clusters));
     EXPECT_EQ(seg.seekHeads_.size(), 2u);
     EXPECT_EQ(seg.info_->title_->get(), "round trip");
-    EXPECT_EQ(seg.tracks_->tracks_.size(), 2u);
+    EXPECT_EQ(seg.chapters_->editions_.size(), 1u);
     EXPECT_EQ(seg.tags_.size(), 1u);
-    EXPECT_EQ(framesOf(doc), frames_);
-    EXPECT_EQ(seg.cues_->points_[1]->positions_[0]->clusterPosition_->getElt(), &seg.clusters_[1]);
-  }
-  {
-    MatroskaDoc doc;
-    FileStorage in(path_, File::kReadOnly);
-    ASSERT_TRUE(doc.loadSeekHead(in, bytes_.size()));
-    EXPECT_TRUE(doc.loadViaSeekHead(in, nullptr, false));
-    EXPECT_TRUE(doc.segments_.front()->clusters_.empty());
-    EXPECT_EQ(doc.segments_.front()->chapters_->editions_.size(), 1u);
+    EXPECT_EQ(framesOf(doc), clusters ? frames_ : std::vector<Frame>{});
+    EXPECT_TRUE(!clusters || seg.cues_->points_[1]->positions_[0]->clusterPosition_->getElt() == &seg.clusters_[1]);
   }
   // The same file with the Segment and both Clusters left open (all-ones sizes) loads the same frames.
   Bytes open = bytes_;
@@ -522,10 +441,8 @@ TEST_P(SavedDocument, IndependentReadersAgree) {
   EXPECT_EQ(merge.exitCode, 0) << merge.out;
   const auto j = nlohmann::json::parse(merge.out, nullptr, false);
   ASSERT_FALSE(j.is_discarded());
-  EXPECT_TRUE(j["container"].value("recognized", false));
   ASSERT_EQ(j["tracks"].size(), 2u);
-  EXPECT_EQ(j["tracks"][0].value("type", ""), "audio");
-  EXPECT_EQ(j["tracks"][1].value("type", ""), "subtitles");
+  EXPECT_EQ(j["tracks"][0].value("type", "") + "|" + j["tracks"][1].value("type", ""), "audio|subtitles");
   EXPECT_EQ(j["container"]["properties"].value("title", ""), "round trip");
   const auto info = mkvinfo(path_);
   EXPECT_EQ(info.exitCode, 0) << info.err;
@@ -555,18 +472,18 @@ class RealFiles : public ::testing::Test {
       const std::string p = dir_->path(name);
       if (runCommand(command).exitCode == 0 && readFile(p).size() > 0) files_.push_back(p);
     };
+    auto q = [](const std::string& name) { return " " + shellQuote(dir_->path(name)); };
     const std::string vp8 = "-c:v libvpx -g 10 -b:v 100k -c:a libvorbis ";
-    make("vp8.webm", src + vp8 + "-f webm " + shellQuote(dir_->path("vp8.webm")));
+    make("vp8.webm", src + vp8 + "-f webm" + q("vp8.webm"));
     const bool x264 = runCommand("ffmpeg -hide_banner -encoders").out.find("libx264") != std::string::npos;
-    make("avc.mkv", src + (x264 ? "-c:v libx264 -preset ultrafast -g 10 -c:a aac " : "-c:v mpeg4 -g 10 -c:a libmp3lame ") +
-                        "-f matroska " + shellQuote(dir_->path("avc.mkv")));
+    const std::string avc =
+        x264 ? "-c:v libx264 -preset ultrafast -g 10 -c:a aac " : "-c:v mpeg4 -g 10 -c:a libmp3lame ";
+    make("avc.mkv", src + avc + "-f matroska" + q("avc.mkv"));
     // Written to a pipe: the muxer cannot go back, so the Segment keeps its unknown size.
-    make("live.mkv", src + vp8 + "-f matroska -live 1 pipe:1 > " + shellQuote(dir_->path("live.mkv")));
+    make("live.mkv", src + vp8 + "-f matroska -live 1 pipe:1 >" + q("live.mkv"));
     if (haveTool("mkvmerge") && !files_.empty()) {
-      make("merged.mkv", "mkvmerge -q --clusters-in-meta-seek -o " + shellQuote(dir_->path("merged.mkv")) + " " +
-                             shellQuote(dir_->path("avc.mkv")));
-      make("merged.webm", "mkvmerge -q --webm -o " + shellQuote(dir_->path("merged.webm")) + " " +
-                              shellQuote(dir_->path("vp8.webm")));
+      make("merged.mkv", "mkvmerge -q --clusters-in-meta-seek -o" + q("merged.mkv") + q("avc.mkv"));
+      make("merged.webm", "mkvmerge -q --webm -o" + q("merged.webm") + q("vp8.webm"));
     }
   }
   static void TearDownTestSuite() {
@@ -589,7 +506,8 @@ TEST_F(RealFiles, LoadFindsEveryFrameTheReaderCounts) {
   for (const auto& f : files_) {
     SCOPED_TRACE(f);
     std::string err;
-    const auto probe = sizesByStream(ffprobePackets(f, &err));
+    std::map<int, std::vector<int64_t>> probe;
+    for (const auto& p : ffprobePackets(f, &err)) probe[p.stream].push_back(p.size);
     ASSERT_EQ(probe.size(), 2u) << err;
     MatroskaDoc doc;
     FileStorage in(f, File::kReadOnly);
@@ -599,18 +517,13 @@ TEST_F(RealFiles, LoadFindsEveryFrameTheReaderCounts) {
     MatroskaDoc guided;
     FileStorage in2(f, File::kReadOnly);
     const bool hasSeekHead = guided.loadSeekHead(in2, in2.file().size());
-    if (f.find("live") == std::string::npos) {
-      EXPECT_TRUE(hasSeekHead);
-    } else {
-      const auto top = rawChildren(readFile(f), 0, in.file().size());
-      ASSERT_EQ(top.size(), 2u);
-      EXPECT_TRUE(top[1].open);
-    }
+    const bool live = f.find("live") != std::string::npos;
+    // The live file has an open Segment and may or may not carry a seek head.
+    EXPECT_TRUE(live ? rawChildren(readFile(f), 0, in.file().size()).at(1).open : hasSeekHead);
     if (!hasSeekHead) continue;
     EXPECT_TRUE(guided.loadViaSeekHead(in2, nullptr, true));
     Segment& seg = *guided.segments_.front();
     EXPECT_EQ(seg.tracks_->tracks_.size(), 2u);
-    EXPECT_EQ(seg.info_->timecodeScale_->get(), 1000000u);
     bool indexesClusters = false;
     for (auto& h : seg.seekHeads_) indexesClusters = indexesClusters || h->findFirst(kCluster);
     // Clusters come only through a seek head that names at least one of them.
@@ -645,25 +558,17 @@ TEST_F(RealFiles, OptimizedFilesDropCrcAndVoidsAndKeepEveryFrame) {
     FileStorage in(f, File::kReadOnly);
     ASSERT_GT(doc.load(in, in.file().size()), 0u);
     if (doc.head_->docType_->get() == "webm") doc.setFileFormat(kFileFormatWebm);
-    FindsCrcOrVoid loaded;
+    FindsCrcOrVoid loaded, optimized;
     padded[f] = doc.eval(loaded);
     MemoryStorage memory;
     doc.optimize(memory);
-    FindsCrcOrVoid before;
-    EXPECT_FALSE(doc.eval(before)) << before.found;
+    EXPECT_FALSE(doc.eval(optimized)) << optimized.found;
     const std::string out = dir_->path("optimized");
     ASSERT_TRUE(saveTo(doc, out));
-
-    MatroskaDoc again;
-    FileStorage in2(out, File::kReadOnly);
     const Bytes bytes = readFile(out);
-    EXPECT_EQ(again.load(in2, bytes.size()), bytes.size());
-    FindsCrcOrVoid after;
-    EXPECT_FALSE(again.eval(after)) << after.found;
     for (const auto& top : rawChildren(bytes, 0, bytes.size()))
       for (const auto& k : rawChildren(bytes, top)) {
-        EXPECT_NE(k.id, 0xECu);
-        EXPECT_NE(k.id, 0xBFu);
+        EXPECT_TRUE(k.id != 0xEC && k.id != 0xBF) << std::hex << top.id;
         if (top.id != Segment::kId) continue;
         for (const auto& kk : rawChildren(bytes, k)) EXPECT_TRUE(kk.id != 0xEC && kk.id != 0xBF) << std::hex << k.id;
       }
@@ -672,9 +577,7 @@ TEST_F(RealFiles, OptimizedFilesDropCrcAndVoidsAndKeepEveryFrame) {
       EXPECT_FALSE(original.empty());
       EXPECT_EQ(frameMd5(out, stream), original) << "stream " << stream;
     }
-    if (haveTool("mkvmerge")) {
-      EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
-    }
+    EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
   }
   // The live file carries CRC-32 elements and mkvmerge leaves Voids: the optimiser had work to do.
   EXPECT_TRUE(padded[dir_->path("live.mkv")]);
@@ -683,61 +586,47 @@ TEST_F(RealFiles, OptimizedFilesDropCrcAndVoidsAndKeepEveryFrame) {
 
 // ---------------------------------------------------------------- damaged files
 
-// Loads a file every way there is, walks every frame, and now and then optimises and saves it.
-void loadEveryWay(const std::string& path, const std::string& scratch, bool resave) {
-  {
-    MatroskaDoc doc;
-    FileStorage in(path, File::kReadOnly);
-    doc.load(in, in.file().size());
-    framesOf(doc);
-    if (resave) {
-      MemoryStorage memory;
-      doc.optimize(memory);
-      saveTo(doc, scratch);
-    }
-  }
-  MatroskaDoc doc;
-  FileStorage in(path, File::kReadOnly);
-  if (doc.loadSeekHead(in, in.file().size())) doc.loadViaSeekHead(in, nullptr, true);
-  framesOf(doc);
-}
-
 TEST_F(RealFiles, DamagedFilesLoadWithoutHarm) {
   const std::string path = dir_->path("damaged"), scratch = dir_->path("scratch");
   std::mt19937 rng(20240607);
   size_t variants = 0;
-  const auto started = std::chrono::steady_clock::now();
+  // Loads every way there is, walks every frame, and now and then optimises and saves.
   auto check = [&](const Bytes& bytes, const std::string& what) {
-    SCOPED_TRACE(what);
     writeBytes(path, bytes);
     const auto t0 = std::chrono::steady_clock::now();
-    loadEveryWay(path, scratch, variants % 8 == 0);
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_LT(ms, 5000);
-    ++variants;
+    MatroskaDoc whole, guided;
+    FileStorage in(path, File::kReadOnly), in2(path, File::kReadOnly);
+    whole.load(in, in.file().size());
+    framesOf(whole);
+    MemoryStorage memory;
+    if (variants++ % 8 == 0) {
+      whole.optimize(memory);
+      saveTo(whole, scratch);
+    }
+    if (guided.loadSeekHead(in2, in2.file().size())) guided.loadViaSeekHead(in2, nullptr, true);
+    framesOf(guided);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << what;
   };
   for (const std::string name : {"vp8.webm", "merged.mkv"}) {
     const Bytes good = readFile(dir_->path(name));
     ASSERT_GT(good.size(), 4096u);
-    // Cuts: every length in the header area, every element boundary (and one byte either side), then evenly.
+    // Element headers: the top level, the Segment's children and the first blocks of each Cluster.
+    std::vector<RawElt> headers = rawChildren(good, 0, good.size());
+    ASSERT_GT(headers.size(), 1u);
+    for (const auto& k : rawChildren(good, headers[1])) {
+      headers.push_back(k);
+      for (const auto& b : k.id == kCluster ? rawChildren(good, k) : std::vector<RawElt>{})
+        if (headers.size() <= 40) headers.push_back(b);
+    }
+    // Cuts at and beside element boundaries, then evenly.
     std::vector<size_t> cuts;
     for (size_t n = 0; n < 64; n += 3) cuts.push_back(n);
-    std::vector<RawElt> headers = rawChildren(good, 0, good.size());
-    if (headers.size() > 1) {
-      for (const auto& k : rawChildren(good, headers[1])) {
-        headers.push_back(k);
-        if (k.id == kCluster)
-          for (const auto& b : rawChildren(good, k)) {
-            headers.push_back(b);
-            if (headers.size() > 40) break;
-          }
-      }
-    }
     for (const auto& h : headers)
       for (size_t n : {h.start + 1, h.payload - 1, h.payload + 1, h.end - 1}) cuts.push_back(n);
     for (size_t i = 1; i < 40; ++i) cuts.push_back(good.size() * i / 40);
     for (size_t n : cuts)
-      if (n < good.size()) check(Bytes(good.begin(), good.begin() + static_cast<long>(n)), name + " cut at " + std::to_string(n));
+      if (n < good.size()) check(Bytes(good.begin(), good.begin() + static_cast<long>(n)), name + " cut at " +
+                                                                                              std::to_string(n));
     // Size fields made open, huge or zero at element headers; random bytes anywhere.
     for (const auto& h : headers)
       for (unsigned char v : {0xFF, 0x01, 0x80}) {
@@ -754,9 +643,6 @@ TEST_F(RealFiles, DamagedFilesLoadWithoutHarm) {
     }
   }
   EXPECT_GT(variants, 400u);
-  std::printf("%zu damaged variants in %lld ms\n", variants,
-              static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                         std::chrono::steady_clock::now() - started).count()));
 }
 
 }  // namespace
