@@ -33,8 +33,6 @@ const PluginModule& module() {
   return m;
 }
 
-// ---- a small EBML walker
-
 struct El {
   uint64_t id = 0, start = 0, data = 0, size = 0;
   size_t sizeLen = 0;
@@ -42,26 +40,25 @@ struct El {
   uint64_t end() const { return data + size; }
 };
 
-bool readVint(const Bytes& b, uint64_t& pos, uint64_t& value, bool keepMarker, size_t* len = nullptr, bool* ones = nullptr) {
-  if (pos >= b.size() || b[pos] == 0) return false;
+// Reads one variable-length number; an ID keeps its length marker, a size does not. Returns its length.
+size_t readVint(const Bytes& b, uint64_t& pos, uint64_t& value, bool keepMarker) {
+  if (pos >= b.size() || b[pos] == 0) return 0;
   size_t n = 1;
   while (!(b[pos] & (0x80 >> (n - 1)))) ++n;
-  if (pos + n > b.size()) return false;
-  uint64_t v = keepMarker ? b[pos] : (b[pos] & (0xFFu >> n));
-  bool all = (b[pos] & (0xFFu >> n)) == (0xFFu >> n);
-  for (size_t i = 1; i < n; ++i) v = v << 8 | b[pos + i], all = all && b[pos + i] == 0xFF;
-  if (len) *len = n;
-  if (ones) *ones = all;
+  if (pos + n > b.size()) return 0;
+  value = keepMarker ? b[pos] : (b[pos] & (0xFFu >> n));
+  for (size_t i = 1; i < n; ++i) value = value << 8 | b[pos + i];
   pos += n;
-  value = v;
-  return true;
+  return n;
 }
 
 bool readEl(const Bytes& b, uint64_t pos, El& e) {
   e.start = pos;
-  if (!readVint(b, pos, e.id, true) || !readVint(b, pos, e.size, false, &e.sizeLen, &e.unknown)) return false;
+  if (!readVint(b, pos, e.id, true)) return false;
+  e.sizeLen = readVint(b, pos, e.size, false);
+  e.unknown = e.size == (1ull << (7 * e.sizeLen)) - 1;  // all ones
   e.data = pos;
-  return e.unknown || e.end() <= b.size();
+  return e.sizeLen && (e.unknown || e.end() <= b.size());
 }
 
 std::vector<El> children(const Bytes& b, const El& parent) {
@@ -79,9 +76,9 @@ std::vector<El> children(const Bytes& b, const El& parent) {
 }
 
 El child(const Bytes& b, const El& parent, uint64_t id) {
-  for (const El& e : children(b, parent))
-    if (e.id == id) return e;
-  return El{};
+  const auto all = children(b, parent);
+  const auto it = std::find_if(all.begin(), all.end(), [&](const El& e) { return e.id == id; });
+  return it == all.end() ? El{} : *it;
 }
 
 uint64_t num(const Bytes& b, const El& e) {
@@ -129,10 +126,7 @@ struct Layout {
       if (e.id == id) out.push_back(e);
     return out;
   }
-  El one(uint64_t id) const {
-    auto v = all(id);
-    return v.empty() ? El{} : v.front();
-  }
+  El one(uint64_t id) const { return child(b, segment, id); }
   uint64_t rel(const El& e) const { return e.start - segment.data; }
   El track(uint64_t number) const {
     for (const El& t : children(b, one(kTracks)))
@@ -182,9 +176,8 @@ struct Layout {
 // Structure shared by every written file.
 void checkLayout(const Layout& l, bool cuesInReservation) {
   ASSERT_GE(l.top.size(), 4u);
-  EXPECT_EQ(l.top[0].id, kInfo);
-  EXPECT_EQ(l.top[1].id, kTracks);
-  EXPECT_EQ(l.top[2].id, kSeekHead);
+  EXPECT_EQ((std::vector<uint64_t>{l.top[0].id, l.top[1].id, l.top[2].id}),
+            (std::vector<uint64_t>{kInfo, kTracks, kSeekHead}));
   const auto clusters = l.all(kCluster);
   ASSERT_FALSE(clusters.empty());
   for (const El& e : l.top) {
@@ -194,11 +187,8 @@ void checkLayout(const Layout& l, bool cuesInReservation) {
   }
   for (const El& c : clusters) EXPECT_EQ(c.sizeLen, 8u);
   const auto seeks = l.seeks();
-  EXPECT_EQ(seeks.at(kInfo), l.rel(l.one(kInfo)));
-  EXPECT_EQ(seeks.at(kTracks), l.rel(l.one(kTracks)));
-  EXPECT_EQ(seeks.at(kCluster), l.rel(clusters.front()));
-  for (uint64_t id : {kCues, kChapters, kTags}) {
-    EXPECT_EQ(seeks.count(id), l.all(id).size()) << std::hex << id;
+  for (uint64_t id : {kInfo, kTracks, kCluster, kCues, kChapters, kTags}) {
+    ASSERT_EQ(seeks.count(id), id == kCluster ? 1u : l.all(id).size()) << std::hex << id;
     if (seeks.count(id)) {
       EXPECT_EQ(seeks.at(id), l.rel(l.one(id)));
     }
@@ -221,8 +211,7 @@ void checkLayout(const Layout& l, bool cuesInReservation) {
   }
 }
 
-// ---- synthetic payloads that readers' parsers take for what they claim to be
-
+// Synthetic payloads that readers' parsers take for what they claim to be.
 Bytes noise(size_t n, uint32_t seed) {
   Bytes v(n);
   for (auto& c : v) c = static_cast<unsigned char>((seed = seed * 1103515245u + 12345u) >> 16);
@@ -230,25 +219,23 @@ Bytes noise(size_t n, uint32_t seed) {
 }
 Bytes vp8(size_t n, bool key, uint32_t seed) {
   Bytes v = noise(n, seed);
-  const unsigned char head[10] = {static_cast<unsigned char>((key ? 0 : 1) | 0x10), 0, 0, 0x9D, 0x01, 0x2A, 0x40, 0x01, 0xF0, 0x00};
+  const unsigned char tag = key ? 0x10 : 0x11;
+  const unsigned char head[10] = {tag, 0, 0, 0x9D, 0x01, 0x2A, 0x40, 0x01, 0xF0, 0x00};
   std::copy(head, head + (key ? 10 : 3), v.begin());
   return v;
 }
 Bytes avc(size_t n, bool key, uint32_t seed) {
   Bytes v = noise(n, seed);
-  const uint32_t len = static_cast<uint32_t>(n - 4);
-  const unsigned char head[5] = {static_cast<unsigned char>(len >> 24), static_cast<unsigned char>(len >> 16),
-                                 static_cast<unsigned char>(len >> 8), static_cast<unsigned char>(len),
-                                 static_cast<unsigned char>(key ? 0x65 : 0x41)};
-  std::copy(head, head + 5, v.begin());
+  for (int i = 0; i < 4; ++i) v[i] = static_cast<unsigned char>((n - 4) >> (24 - 8 * i));  // one NAL unit
+  v[4] = key ? 0x65 : 0x41;
   return v;
 }
 
 // Real Vorbis header packets: readers open the decoder with them.
 std::vector<Bytes> vorbisHeaders(const TempDir& dir) {
   const std::string path = dir.path("vorbis.webm");
-  if (runCommand("ffmpeg -v error -f lavfi -i anullsrc=r=48000:cl=stereo -t 0.1 -c:a libvorbis " + shellQuote(path)).exitCode)
-    return {};
+  const std::string make = "ffmpeg -v error -f lavfi -i anullsrc=r=48000:cl=stereo -t 0.1 -c:a libvorbis ";
+  if (runCommand(make + shellQuote(path)).exitCode) return {};
   Layout l(path);
   const Bytes p = raw(l.b, child(l.b, l.track(1), 0x63A2));
   size_t pos = 1, sizes[2] = {0, 0};
@@ -260,13 +247,12 @@ std::vector<Bytes> vorbisHeaders(const TempDir& dir) {
   return {Bytes(a, b), Bytes(b, c), Bytes(c, p.end())};
 }
 
+// MD5 of each blob, through a single md5sum run.
 std::vector<std::string> md5All(const std::vector<Bytes>& blobs) {
   TempDir d;
   std::string cmd = "cd " + shellQuote(d.path()) + " && md5sum";
   for (size_t i = 0; i < blobs.size(); ++i) {
-    FILE* f = fopen(d.path(std::to_string(i)).c_str(), "wb");
-    fwrite(blobs[i].data(), 1, blobs[i].size(), f);
-    fclose(f);
+    writeFile(d.path(std::to_string(i)), blobs[i]);
     cmd += " " + std::to_string(i);
   }
   std::vector<std::string> out;
@@ -285,8 +271,8 @@ struct Fed {
 struct Job {
   CAFormatter* f;
   std::string path;
-  RefVideoCompressor vc;
-  RefAudioCompressor ac;
+  RefVideoCompressor vc{RefVideoParams{FourCC("ON2!"), FourCC("VP8 "), 320, 240, 25.0, "VP8", {}, {}, {}}};
+  RefAudioCompressor ac{RefAudioParams{kKvi, FourCC("LPCM"), 8000, 16, "Mono", "PCM"}};
   std::vector<Fed> video, audio;
   std::string summary;
   Array_c<CAceNameValuePair> meta;
@@ -313,7 +299,9 @@ struct Job {
     f->SetAudioCompressors(acs);
     ASSERT_EQ(f->BeginFormatting(), 0u);
   }
-  static int64_t ms(int64_t v, uint64_t units) { return units == 1000 ? v : static_cast<int64_t>(v * 1000.0 / units + 0.5); }
+  static int64_t ms(int64_t v, uint64_t units) {
+    return units == 1000 ? v : static_cast<int64_t>(v * 1000.0 / units + 0.5);
+  }
   void addVideo(int64_t t, uint64_t units, bool key, Bytes data, int64_t offset = 0, const Bytes* config = nullptr) {
     KVImage_t s = MakeVideoSample(data.data(), data.size(), t, units, offset, key, config);
     video.push_back({ms(t, units), key, std::move(data)});
@@ -334,6 +322,12 @@ struct Job {
     f->Release();
     f = nullptr;
   }
+  // The end-of-job summary tells the clusters the duration hint planned for and those written.
+  void expectClusters(int expected, int final) const {
+    const std::string want = "\nEXPECTED CLUSTERS   : " + std::to_string(expected) +
+                             "\nFINAL CLUSTER COUNT : " + std::to_string(final) + "\n\n";
+    EXPECT_NE(summary.find(want), std::string::npos) << summary;
+  }
 };
 
 // What was fed comes back from ffprobe and ffmpeg: count, bytes, millisecond times and key flags per stream.
@@ -344,9 +338,9 @@ void checkWithReaders(const Job& job, bool webm) {
   // Decoders reject the synthetic H.264 and AAC payloads while probing; nothing else may complain.
   std::istringstream lines(err);
   for (std::string line; std::getline(lines, line);) {
-    const bool probing = line.rfind("[h264 @", 0) == 0 || line.rfind("[aac @", 0) == 0 || line.rfind("    Last", 0) == 0 ||
-                         line.find("Could not find codec parameters") != std::string::npos ||
-                         line.rfind("Consider increasing", 0) == 0;
+    bool probing = line.find("Could not find codec parameters") != std::string::npos;
+    for (const char* start : {"[h264 @", "[aac @", "    Last", "Consider increasing"})
+      probing = probing || line.rfind(start, 0) == 0;
     EXPECT_TRUE(!webm && probing) << line;
   }
   std::map<uint64_t, std::vector<bool>> blockStart;
@@ -363,9 +357,8 @@ void checkWithReaders(const Job& job, bool webm) {
       if (p.stream == stream) got.emplace_back(p.ptsMs, p.key);
     ASSERT_EQ(got.size(), want.size()) << "stream " << stream;
     ASSERT_EQ(blockStart[track].size(), want.size());
-    for (size_t i = 0; i < want.size(); ++i) {
+    for (size_t i = 0; i < want.size(); ++i)
       if (!blockStart[track][i]) got[i].first = want[i].first;
-    }
     EXPECT_EQ(got, want) << "stream " << stream;
     EXPECT_EQ(frameMd5(job.path, stream), md5All(blobs)) << "stream " << stream;
     ++stream;
@@ -376,6 +369,15 @@ void checkWithReaders(const Job& job, bool webm) {
   if (webm) {
     EXPECT_EQ(webmInfo(job.path).exitCode, 0) << webmInfo(job.path).err;
   }
+}
+
+Layout finishAndCheck(Job& job, bool webm, bool cuesInReservation = true) {
+  job.finish();
+  checkWithReaders(job, webm);
+  Layout l(job.path);
+  EXPECT_EQ(l.docType, webm ? "webm" : "matroska");
+  checkLayout(l, cuesInReservation);
+  return l;
 }
 
 class OutputTest : public ::testing::Test {
@@ -413,23 +415,16 @@ TEST_F(OutputTest, WebmVp8AndVorbis) {
       job.addVideo(v, 30, v % 30 == 0, vp8(300 + v * 7 % 200, v % 30 == 0, v)), ++v;
     }
   }
-  job.finish();
-  checkWithReaders(job, true);
-  EXPECT_NE(job.summary.find("\nEXPECTED CLUSTERS   : 10\nFINAL CLUSTER COUNT : 6\n\n"), std::string::npos) << job.summary;
-
-  Layout l(job.path);
-  EXPECT_EQ(l.docType, "webm");
-  checkLayout(l, true);
+  const Layout l = finishAndCheck(job, true);
+  job.expectClusters(10, 6);
   EXPECT_EQ(child(l.b, l.one(kInfo), 0x73A4).id, 0u) << "no SegmentUID in WebM";
   EXPECT_EQ(l.one(kTags).id, 0u);
   ASSERT_NE(child(l.b, l.track(2), 0x9C).id, 0u);
   EXPECT_EQ(num(l.b, child(l.b, l.track(2), 0x9C)), 0u);
-  Bytes priv{2};
+  Bytes priv{2};  // Xiph-laced header packets
   for (int i = 0; i < 2; ++i) {
-    for (size_t s = headers[i].size(); ; s -= 255) {
-      priv.push_back(static_cast<unsigned char>(std::min<size_t>(s, 255)));
-      if (s < 255) break;
-    }
+    priv.insert(priv.end(), headers[i].size() / 255, 255);
+    priv.push_back(static_cast<unsigned char>(headers[i].size() % 255));
   }
   for (const Bytes& h : headers) priv.insert(priv.end(), h.begin(), h.end());
   EXPECT_EQ(raw(l.b, child(l.b, l.track(2), 0x63A2)), priv);
@@ -467,16 +462,12 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
     if (a < 172 && (v >= 100 || a * 1024 * 1000 <= v * 40 * 44100)) {
       job.addAudio({{noise(150 + a % 30, a), a * 1024, 44100}}, a == 0 ? &asc : &laterAsc), ++a;
     } else {
-      job.addVideo(v * 40, 1000, v % 25 == 0, avc(400 + v % 50, v % 25 == 0, v), 0, v == 0 ? &avcC : &later), ++v;
+      const bool key = v % 25 == 0;
+      job.addVideo(v * 40, 1000, key, avc(400 + v % 50, key, v), 0, v == 0 ? &avcC : &later), ++v;
     }
   }
-  job.finish();
-  checkWithReaders(job, false);
-  EXPECT_NE(job.summary.find("\nEXPECTED CLUSTERS   : 5\nFINAL CLUSTER COUNT : 4\n\n"), std::string::npos) << job.summary;
-
-  Layout l(job.path);
-  EXPECT_EQ(l.docType, "matroska");
-  checkLayout(l, true);
+  const Layout l = finishAndCheck(job, false);
+  job.expectClusters(5, 4);
   EXPECT_EQ(child(l.b, l.one(kInfo), 0x73A4).size, 16u);
   EXPECT_EQ(raw(l.b, child(l.b, l.track(1), 0x63A2)), avcC) << "the first decoder configuration is kept";
   EXPECT_EQ(raw(l.b, child(l.b, l.track(2), 0x63A2)), asc);
@@ -500,12 +491,11 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
   // Cues: every video key frame, and the audio frames that reach a chapter start.
   std::vector<std::pair<uint64_t, uint64_t>> want, got;
   for (int k = 0; k < 4; ++k) want.emplace_back(1, k * 1000);
-  for (int64_t chapter : {0, 1500, 3000})
-    for (size_t i = 0; i + 1 < job.audio.size(); ++i)
-      if (chapter < job.audio[i + 1].ms) {
-        want.emplace_back(2, job.audio[i].ms);
-        break;
-      }
+  for (int64_t chapter : {0, 1500, 3000}) {
+    size_t i = 0;
+    while (i + 1 < job.audio.size() && job.audio[i + 1].ms <= chapter) ++i;
+    want.emplace_back(2, job.audio[i].ms);
+  }
   for (const Cue& c : l.cues()) got.emplace_back(c.track, c.time);
   std::sort(want.begin(), want.end());
   std::sort(got.begin(), got.end());
@@ -515,27 +505,19 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
 TEST_F(OutputTest, MatroskaLacesRunsOfNonKeyFramesAndWebmNeverLaces) {
   for (uint32_t format : {kMkv, kWebm}) {
     Job job(format, dir.path(format == kMkv ? "lace.mkv" : "lace.webm"));
-    job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 320, 240, 25.0, "VP8", {}, {}, {}};
     job.begin(true, false, 1200);
     for (int v = 0; v < 30; ++v) job.addVideo(v * 40, 1000, v % 20 == 0, vp8(100 + v * 13 % 90, v % 20 == 0, v));
-    job.finish();
-    checkWithReaders(job, format == kWebm);
-    Layout l(job.path);
-    checkLayout(l, true);
     std::vector<unsigned> frames;
-    for (const Block& b : l.blocks()) {
+    for (const Block& b : finishAndCheck(job, format == kWebm).blocks()) {
       frames.push_back(b.frames);
       EXPECT_EQ(b.lacing != 0, b.frames > 1);
     }
-    const std::vector<unsigned> want = format == kMkv ? std::vector<unsigned>{8, 8, 4, 8, 2} : std::vector<unsigned>(30, 1);
-    EXPECT_EQ(frames, want);
+    EXPECT_EQ(frames, (format == kMkv ? std::vector<unsigned>{8, 8, 4, 8, 2} : std::vector<unsigned>(30, 1)));
   }
 }
 
 TEST_F(OutputTest, AudioWinsTiesAndDecodeTimeDecidesTheOrder) {
   Job job(kMkv, dir.path("order.mkv"));
-  job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 320, 240, 25.0, "VP8", {}, {}, {}};
-  job.ac.params = {kKvi, FourCC("LPCM"), 8000, 16, "Mono", "PCM"};
   job.begin(true, true, 1000);
   // Video is shown 80 ms after it is decoded; audio shares its decode times.
   for (int i = 0; i < 20; ++i) {
@@ -551,31 +533,22 @@ TEST_F(OutputTest, AudioWinsTiesAndDecodeTimeDecidesTheOrder) {
 
 TEST_F(OutputTest, ClustersOpenAtTheTimecodeLimitAndAtEachSecondCueKeyFrame) {
   Job job(kWebm, dir.path("limit.webm"));
-  job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 320, 240, 25.0, "VP8", {}, {}, {}};
   job.begin(true, false, 75000);
   for (int64_t t : {0, 32766, 32767, 65533, 65534, 70000, 71000, 72000}) {
     const bool key = t == 0 || t == 70000 || t == 71000;
     job.addVideo(t, 1000, key, vp8(80, key, static_cast<uint32_t>(t)));
   }
-  job.finish();
-  checkWithReaders(job, true);
-  Layout l(job.path);
-  checkLayout(l, true);
+  const Layout l = finishAndCheck(job, true);
   std::vector<uint64_t> starts;
   for (const El& c : l.all(kCluster)) starts.push_back(num(l.b, child(l.b, c, 0xE7)));
   EXPECT_EQ(starts, (std::vector<uint64_t>{0, 32767, 65534, 71000}));
 
   // Without video the audio track is cued once a cluster.
   Job audio(kMkv, dir.path("audio.mkv"));
-  audio.ac.params = {kKvi, FourCC("LPCM"), 8000, 16, "Mono", "PCM"};
   audio.begin(false, true, 70000);
   for (int t = 0; t <= 70000; t += 500) audio.addAudio({{noise(64, t), t, 1000}});
-  audio.finish();
-  checkWithReaders(audio, false);
-  Layout la(audio.path);
-  checkLayout(la, true);
   std::vector<uint64_t> cueTimes;
-  for (const Cue& c : la.cues()) {
+  for (const Cue& c : finishAndCheck(audio, false).cues()) {
     EXPECT_EQ(c.track, 2u);
     cueTimes.push_back(c.time);
   }
@@ -587,11 +560,8 @@ TEST_F(OutputTest, IndexMovesToTheEndWhenTheReservationIsOutgrown) {
   job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 160, 120, 10.0, "VP8", {}, {}, {}};
   job.begin(true, false, 1000);  // a hint far shorter than the stream
   for (int v = 0; v < 800; ++v) job.addVideo(v * 100, 1000, v % 10 == 0, vp8(40, v % 10 == 0, v));
-  job.finish();
-  EXPECT_NE(job.summary.find("\nEXPECTED CLUSTERS   : 2\nFINAL CLUSTER COUNT : 80\n\n"), std::string::npos) << job.summary;
-  checkWithReaders(job, true);
-  Layout l(job.path);
-  checkLayout(l, false);
+  const Layout l = finishAndCheck(job, true, false);
+  job.expectClusters(2, 80);
   EXPECT_EQ(l.cues().size(), 80u);
   EXPECT_EQ(l.top.back().id, kCues);
   EXPECT_EQ(l.all(kSeekHead).size(), 1u);
