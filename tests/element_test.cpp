@@ -18,11 +18,7 @@ namespace {
 using namespace Kapsel;
 using Bytes = std::vector<unsigned char>;
 
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-  return all;
-}
+using kapsel_test::cat;
 
 struct Inner : EbmlMaster {
   KAPSEL_ELT_NAME(0x81, "Number");

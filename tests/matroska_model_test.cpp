@@ -20,11 +20,7 @@ namespace {
 using namespace Kapsel;
 using Bytes = std::vector<unsigned char>;
 
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-  return all;
-}
+using kapsel_test::cat;
 
 Bytes contentOf(const ReceiptPtr& r) {
   Bytes b;

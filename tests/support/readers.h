@@ -2,6 +2,7 @@
 // Running independent readers (ffprobe, ffmpeg, mkvmerge, mkvinfo, webm_info) over files we wrote.
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,8 @@ CommandResult mkvmergeJson(const std::string& file);
 CommandResult mkvinfo(const std::string& file);
 CommandResult webmInfo(const std::string& file);
 std::vector<unsigned char> readFile(const std::string& path);
+// The parts one after the other.
+std::vector<unsigned char> cat(std::initializer_list<std::vector<unsigned char>> parts);
 // Replaces the file with exactly these bytes; a failure fails the running test.
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
 
