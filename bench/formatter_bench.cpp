@@ -90,18 +90,11 @@ MuxResult mux(const std::string& path, double streamSeconds, size_t averageVideo
   };
   RefVideoCompressor vc({FourCC("ON2!"), FourCC("VP8 "), 1280, 720, 25.0, "VP8", {}, {}, {}});
   RefAudioCompressor ac({FourCC("KVI "), FourCC("VRBS"), 48000, 16, "Stereo", "Vorbis"});
-  Array_c<IVideoCompressor*> vcs;
-  vcs.Add(&vc);
-  Array_c<IAudioCompressor*> acs;
-  acs.Add(&ac);
   if (f) {
     timed([&] {
       f->SetOutputFile(CKVString(path));
       f->SetDurationHint(0, static_cast<uint64_t>(streamSeconds * 1000), 1000);
-      f->SetEncodeVideo(true);
-      f->SetEncodeAudio(true);
-      f->SetVideoCompressors(vcs);
-      f->SetAudioCompressors(acs);
+      SetStreams(*f, &vc, &ac);
       f->BeginFormatting();
     });
     KVAudio_t headers = MakeAudioSample({{vorbisHeader(1, 30), 0, 1000}, {vorbisHeader(3, 60), 0, 1000},

@@ -1,5 +1,7 @@
 #include "host_sdk/reference.h"
 
+#include "host_sdk/formatter.h"
+
 #include <utility>
 
 std::atomic<int64_t> RefPacket::live_{0};
@@ -117,4 +119,15 @@ bool RefVideoCompressor::GetKeyFrameMargin(bool& on) const {
   if (!params.keyFrameMargin) return false;
   on = *params.keyFrameMargin;
   return true;
+}
+
+void SetStreams(CAFormatter& formatter, IVideoCompressor* video, IAudioCompressor* audio) {
+  formatter.SetEncodeVideo(video != nullptr);
+  formatter.SetEncodeAudio(audio != nullptr);
+  Array_c<IVideoCompressor*> videos;
+  if (video) videos.Add(video);
+  formatter.SetVideoCompressors(videos);
+  Array_c<IAudioCompressor*> audios;
+  if (audio) audios.Add(audio);
+  formatter.SetAudioCompressors(audios);
 }

@@ -136,3 +136,7 @@ class RefAudioCompressor : public IAudioCompressor {
 
   RefAudioParams params;
 };
+
+class CAFormatter;
+// Tells the formatter which streams are coming and with which compressors; a null compressor means no such stream.
+void SetStreams(CAFormatter& formatter, IVideoCompressor* video, IAudioCompressor* audio);

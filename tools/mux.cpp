@@ -356,14 +356,7 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   CAceMarkerPtrList markerList;
   for (auto& m : markers) markerList.Add(m.get());
   if (markers.size()) formatter->SetChapterMarkers(&markerList);
-  formatter->SetEncodeVideo(video.st != nullptr);
-  formatter->SetEncodeAudio(audio.st != nullptr);
-  Array_c<IVideoCompressor*> vcs;
-  if (video.st) vcs.Add(&vc);
-  formatter->SetVideoCompressors(vcs);
-  Array_c<IAudioCompressor*> acs;
-  if (audio.st) acs.Add(&ac);
-  formatter->SetAudioCompressors(acs);
+  SetStreams(*formatter, video.st ? &vc : nullptr, audio.st ? &ac : nullptr);
 
   const uint32_t begun = formatter->BeginFormatting();
   if (begun == 0x8009000F) return fail("cannot open " + o.output + " for writing");

@@ -289,14 +289,7 @@ struct Job {
     CAceMarkerPtrList list;
     for (auto& m : marks) list.Add(m.get());
     f->SetChapterMarkers(&list);
-    f->SetEncodeVideo(wantVideo);
-    f->SetEncodeAudio(wantAudio);
-    Array_c<IVideoCompressor*> vcs;
-    Array_c<IAudioCompressor*> acs;
-    if (wantVideo) vcs.Add(&vc);
-    if (wantAudio) acs.Add(&ac);
-    f->SetVideoCompressors(vcs);
-    f->SetAudioCompressors(acs);
+    SetStreams(*f, wantVideo ? &vc : nullptr, wantAudio ? &ac : nullptr);
     ASSERT_EQ(f->BeginFormatting(), 0u);
   }
   static int64_t ms(int64_t v, uint64_t units) {

@@ -77,14 +77,7 @@ struct Host {
   uint32_t begin(const std::string& path, bool video = true, bool audio = true) {
     f->SetOutputFile(path);
     f->SetDurationHint(0, 2000, 1000);
-    f->SetEncodeVideo(video);
-    f->SetEncodeAudio(audio);
-    Array_c<IVideoCompressor*> vcs;
-    Array_c<IAudioCompressor*> acs;
-    if (video) vcs.Add(&vc);
-    if (audio) acs.Add(&ac);
-    f->SetVideoCompressors(vcs);
-    f->SetAudioCompressors(acs);
+    SetStreams(*f, video ? &vc : nullptr, audio ? &ac : nullptr);
     return f->BeginFormatting();
   }
   void video(int64_t ms, bool key, size_t size = 200) {
