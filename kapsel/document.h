@@ -13,6 +13,15 @@ namespace Kapsel {
 // A fixed underlying type keeps any other value well-defined: it behaves as Matroska.
 enum TFileFormat : int { kFileFormatMatroska = 0, kFileFormatWebm = 1 };
 
+class DocTypeExtension : public EbmlMaster {
+ public:
+  KAPSEL_ELT_NAME(0x4283, "DocTypeExtensionName");
+  KAPSEL_ELT_NAME(0x4284, "DocTypeExtensionVersion");
+  TElt<VString, 0x4283, EltName0x4283> name_;
+  TElt<VUInt, 0x4284, EltName0x4284> version_;
+  KAPSEL_CHILDREN(name_, version_);
+};
+
 class EbmlHead : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0x4286, "EBMLVersion");
@@ -22,6 +31,7 @@ class EbmlHead : public EbmlMaster {
   KAPSEL_ELT_NAME(0x4282, "DocType");
   KAPSEL_ELT_NAME(0x4287, "DocTypeVersion");
   KAPSEL_ELT_NAME(0x4285, "DocTypeReadVersion");
+  KAPSEL_ELT_NAME(0x4281, "DocTypeExtension");
   EbmlHead();
   TElt<VUInt, 0x4286, EltName0x4286> version_;
   TElt<VUInt, 0x42F7, EltName0x42F7> readVersion_;
@@ -30,8 +40,9 @@ class EbmlHead : public EbmlMaster {
   TElt<VString, 0x4282, EltName0x4282> docType_;
   TElt<VUInt, 0x4287, EltName0x4287> docTypeVersion_;
   TElt<VUInt, 0x4285, EltName0x4285> docTypeReadVersion_;
+  TEltList<TElt<DocTypeExtension, 0x4281, EltName0x4281>> docTypeExtensions_;
   KAPSEL_CHILDREN(version_, readVersion_, maxIdLength_, maxSizeLength_, docType_, docTypeVersion_,
-                  docTypeReadVersion_);
+                  docTypeReadVersion_, docTypeExtensions_);
 };
 
 class EbmlDoc : public EbmlMaster {
