@@ -77,6 +77,15 @@ class BlockAdditions : public EbmlMaster {
   KAPSEL_CHILDREN(more_);
 };
 
+class ReferenceFrame : public EbmlMaster {
+ public:
+  KAPSEL_ELT_NAME(0xC9, "ReferenceOffset");
+  KAPSEL_ELT_NAME(0xCA, "ReferenceTimestamp");
+  TElt<VUInt, 0xC9, EltName0xC9> offset_;
+  TElt<VUInt, 0xCA, EltName0xCA> timestamp_;
+  KAPSEL_CHILDREN(offset_, timestamp_);
+};
+
 class BlockGroup : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0x9B, "BlockDuration");
@@ -88,6 +97,8 @@ class BlockGroup : public EbmlMaster {
   KAPSEL_ELT_NAME(0xFD, "ReferenceVirtual");
   KAPSEL_ELT_NAME(0xA4, "CodecState");
   KAPSEL_ELT_NAME(0x8E, "Slice");
+  KAPSEL_ELT_NAME(0x75A2, "DiscardPadding");
+  KAPSEL_ELT_NAME(0xC8, "ReferenceFrame");
   using BlockElt = TElt<VBinary, 0xA1, EltName0xA1>;
 
   TElt<VUInt, 0x9B, EltName0x9B> duration_;
@@ -98,9 +109,11 @@ class BlockGroup : public EbmlMaster {
   TEltList<TElt<VInt, 0xFB, EltName0xFB>> referenceBlock_;
   TElt<VInt, 0xFD, EltName0xFD> referenceVirtual_;
   TElt<VBinary, 0xA4, EltName0xA4> codecState_;
+  TElt<VInt, 0x75A2, EltName0x75A2> discardPadding_;
   TEltList<TElt<VBinary, 0x8E, EltName0x8E>> slice_;
+  TElt<ReferenceFrame, 0xC8, EltName0xC8> referenceFrame_;
   KAPSEL_CHILDREN(duration_, block_, blockVirtual_, additions_, referencePriority_, referenceBlock_,
-                  referenceVirtual_, codecState_, slice_);
+                  referenceVirtual_, codecState_, discardPadding_, slice_, referenceFrame_);
 };
 
 }  // namespace Kapsel
