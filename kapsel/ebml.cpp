@@ -1,10 +1,15 @@
 #include "kapsel/ebml.h"
 
+#include <unistd.h>
+
 #include <boost/crc.hpp>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iomanip>
+#include <mutex>
+#include <random>
 
 #include "kapsel/hodgepodge.h"
 #include "kapsel/storage.h"
@@ -84,7 +89,6 @@ uint64_t decodeWith(const Bytes& at, unsigned& numBytes) {
   return value == vsizeUnknown[n] ? ~0ull : value;
 }
 
-bool g_seeded = false;
 
 }  // namespace
 
@@ -225,17 +229,28 @@ uint64_t loadEbmlId(IStorage& storage) {
   return uintDecode(buffer, n);
 }
 
+namespace {
+
+// Seeded once per process from the wall clock, a high-resolution clock and the process id, so that
+// files made in the same second differ; the lock makes first use and every draw thread-safe.
+std::mt19937_64& uidGenerator(std::unique_lock<std::mutex>& lock) {
+  static std::mutex mutex;
+  lock = std::unique_lock<std::mutex>(mutex);
+  static std::mt19937_64 generator([] {
+    const auto now = std::chrono::high_resolution_clock::now().time_since_epoch().count();
+    std::seed_seq seq{static_cast<uint64_t>(std::time(nullptr)), static_cast<uint64_t>(now),
+                      static_cast<uint64_t>(::getpid()), static_cast<uint64_t>(std::random_device{}())};
+    return std::mt19937_64(seq);
+  }());
+  return generator;
+}
+
+}  // namespace
+
 void createUID(unsigned char* buffer, unsigned numBytes) {
-  if (!g_seeded) {
-    uint32_t seed = static_cast<uint32_t>(static_cast<int64_t>(std::time(nullptr)) - 978307200);
-    if (seed == 0xFFFFFFFFu) seed = 0;
-    std::srand(seed);
-    g_seeded = true;
-  }
-  for (unsigned i = 0; i < numBytes; ++i) {
-    const double r = std::rand() / 2147483647.0 * 255.0;
-    buffer[i] = static_cast<unsigned char>(static_cast<unsigned>(r) & 0xFF);
-  }
+  std::unique_lock<std::mutex> lock;
+  std::mt19937_64& generator = uidGenerator(lock);
+  for (unsigned i = 0; i < numBytes; ++i) buffer[i] = static_cast<unsigned char>(generator() >> 56);
 }
 
 uint64_t createUID() {
