@@ -11,30 +11,34 @@ bool RemoveVoids::evalPayload(IPayload& payload) {
   return payload.eval(*this);
 }
 
-bool writeCrc32(const IElement& element) {
+bool writeCrc32(const IElement& element, TCrc32Order order) {
   ReceiptPtr crcReceipt = element.crc32Receipt();
   ReceiptPtr payload = element.payloadReceipt();
   if (!crcReceipt || !payload) return false;
-  // Voids kept after the element follow it outside its size: they are not summed.
+  // Voids and unknown elements kept after the element follow it outside its size: they are not summed.
   uint64_t trailing = 0;
   for (const auto& v : element.getPayload().voids()) {
     ReceiptPtr r = v.storageReceipt();
     if (r) trailing += r->numBytes();
   }
+  if (const auto* opaques = element.getPayload().opaques(false))
+    for (const auto& o : *opaques)
+      if (ReceiptPtr r = o.storageReceipt()) trailing += r->numBytes();
   if (trailing > payload->numBytes()) return false;
   ReceiptPtr covered = payload->receipt(0, payload->numBytes() - trailing);
   Crc32 crc;
   if (!covered || !covered->calcCrc32(crc, crcReceipt)) return false;
   unsigned char bytes[6] = {0xBF, 0, 0, 0, 0, 0};
   vsizeEncode(4, bytes + 1, 1);
-  uintEncode(crc.checksum(), bytes + 2, 4);
+  const uint32_t sum = crc.checksum();
+  uintEncode(order == kCrc32LittleEndian ? __builtin_bswap32(sum) : sum, bytes + 2, 4);
   return crcReceipt->save(bytes, 6);
 }
 
 bool ReplaceCrc32Placeholders::eval(IElement& element) {
   // Children first: a parent's sum covers its children's CRC-32 values.
   const bool stop = evalPayload(element.getPayload());
-  if (element.crc32Receipt()) writeCrc32(element);
+  if (element.crc32Receipt()) writeCrc32(element, order_);
   return stop;
 }
 
@@ -75,6 +79,8 @@ void Optimizer::optimizeBlock(Elt& element) {
   const uint64_t old = payload.numBytes();
   SimpleBlock block;
   if (block.importData(payload.data()) == 0) return;
+  // The smallest lacing for the block's frames, whatever the input chose.
+  block.setAutoLacing();
   HodgePodge data;
   block.exportData(data, storage_);
   if (data.numBytes() < old) payload.set(data);
@@ -91,6 +97,9 @@ bool Optimizer::eval(IElement& element) {
       // A loaded value would be stale once blocks shrink.
       pos.setPosition(uintMax[8]);
     }
+  } else if (id == 0xB7) {
+    // Offsets inside clusters move when blocks shrink.
+    if (auto* pos = dynamic_cast<CueTrkPos*>(&element.getPayload())) pos->relativePosition_->set(pos->relativePosition_->getDefault());
   } else if (id == 0xA3) {
     if (auto* e = dynamic_cast<Cluster::SimpleBlockElt*>(&element)) optimizeBlock(*e);
   } else if (id == 0xA1) {

@@ -12,7 +12,11 @@ class RemoveVoids : public IElementCrawler {
 
 class ReplaceCrc32Placeholders : public IElementCrawler {
  public:
+  explicit ReplaceCrc32Placeholders(TCrc32Order order = kCrc32BigEndian) : order_(order) {}
   bool eval(IElement& element) override;
+
+ private:
+  TCrc32Order order_;
 };
 
 class RewriteReferences : public IElementCrawler {
@@ -50,6 +54,6 @@ class Optimizer : public IElementCrawler {
 };
 
 // Writes the CRC-32 value of one element over its placeholder; false when it cannot.
-bool writeCrc32(const IElement& element);
+bool writeCrc32(const IElement& element, TCrc32Order order = kCrc32BigEndian);
 
 }  // namespace Kapsel

@@ -33,12 +33,15 @@ uint64_t EbmlDoc::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad
 
 MatroskaDoc::MatroskaDoc() : EbmlDoc("matroska", 1, 1) {}
 
-MatroskaDoc::MatroskaDoc(const MatroskaDoc& other) : EbmlDoc(other) { segments_ = other.segments_; }
+MatroskaDoc::MatroskaDoc(const MatroskaDoc& other) : EbmlDoc(other) { *this = other; }
 
 MatroskaDoc& MatroskaDoc::operator=(const MatroskaDoc& other) {
   if (this != &other) {
     EbmlDoc::operator=(other);
     segments_ = other.segments_;
+    keepUnknown_ = other.keepUnknown_;
+    crc32Order_ = other.crc32Order_;
+    damaged_ = other.damaged_;
   }
   return *this;
 }
@@ -60,6 +63,7 @@ uint64_t MatroskaDoc::calcSize() const {
 
 ReceiptPtr MatroskaDoc::save(IStorage& storage) const {
   MatroskaDoc& self = const_cast<MatroskaDoc&>(*this);
+  for (auto& s : self.segments_) s->dropDanglingReferences();
   ReceiptPtr result = head_.save(storage, 0);
   if (!result) return result;
   DiscardReceipts discard;
@@ -83,7 +87,7 @@ ReceiptPtr MatroskaDoc::save(IStorage& storage) const {
   *result += segments;
   RewriteReferences rewrite;
   self.eval(rewrite);
-  ReplaceCrc32Placeholders crc;
+  ReplaceCrc32Placeholders crc(crc32Order_);
   self.eval(crc);
   return result;
 }
@@ -95,6 +99,8 @@ uint64_t MatroskaDoc::load(FileStorage& storage, uint64_t bytesToRead, IDelegate
 }
 
 uint64_t MatroskaDoc::loadAndKeepReceipts(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad* delegate) {
+  damaged_.clear();
+  LoadScope scope(keepUnknown_, &damaged_, storage.file().size());
   uint64_t total = EbmlDoc::load(storage, bytesToRead, delegate);
   bytesToRead -= std::min(total, bytesToRead);
   while (bytesToRead > 0) {
@@ -122,6 +128,7 @@ bool MatroskaDoc::loadSeekHead(FileStorage& storage, uint64_t bytesToRead) {
 }
 
 bool MatroskaDoc::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, bool loadClusters) {
+  LoadScope scope(keepUnknown_, &damaged_, storage.file().size());
   bool ok = true;
   for (auto& s : segments_) {
     s->setOrigin(&s);
@@ -131,7 +138,8 @@ bool MatroskaDoc::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate,
   return ok;
 }
 
-void MatroskaDoc::setCrc32(bool enable) {
+void MatroskaDoc::setCrc32(bool enable, TCrc32Order order) {
+  crc32Order_ = order;
   for (auto& s : segments_) s->setCrc32(enable);
 }
 

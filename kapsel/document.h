@@ -3,6 +3,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include "kapsel/element.h"
 #include "kapsel/payload.h"
@@ -79,12 +80,24 @@ class MatroskaDoc : public EbmlDoc {
   uint64_t loadAndKeepReceipts(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad* delegate = nullptr);
   bool loadSeekHead(FileStorage& storage, uint64_t bytesToRead);
   bool loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, bool loadClusters);
-  void setCrc32(bool enable);
+  // CRC-32 elements in every top-level element; saving writes their values in the given byte order.
+  void setCrc32(bool enable, TCrc32Order order = kCrc32BigEndian);
+  TCrc32Order crc32Order() const { return crc32Order_; }
+  // Before loading: elements the tables do not know are kept in their place and written back unchanged.
+  void setKeepUnknown(bool keep) { keepUnknown_ = keep; }
+  bool keepUnknown() const { return keepUnknown_; }
+  // After loading: the byte ranges the loader could not read, in the order found.
+  const std::vector<TByteRange>& damagedRanges() const { return damaged_; }
   void resolveReferences();
   void optimize(IStorage& storage);
   void discardReceipts();
 
   TEltList<SegmentElt> segments_;
+
+ private:
+  bool keepUnknown_ = false;
+  TCrc32Order crc32Order_ = kCrc32BigEndian;
+  std::vector<TByteRange> damaged_;
 };
 
 class WebmDoc : public MatroskaDoc {

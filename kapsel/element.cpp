@@ -32,14 +32,122 @@ uint64_t remainingInFile(FileStorage& storage) {
   return pos < size ? size - pos : 0;
 }
 
+// What the loads on one thread share: their settings, how deep they are, the last child each level
+// loaded (unknown elements are kept after it) and what they may still allocate.
+struct LoadContext {
+  bool keepUnknown = false;
+  std::vector<TByteRange>* damaged = nullptr;
+  bool scoped = false;
+  uint64_t budget = 0;
+  unsigned depth = 0;
+  IElement* last[kMaxLoadDepth + 2] = {};
+};
+
+thread_local LoadContext t_load;
+
+// Charges an element object against the budget; an unscoped outermost load sets its own.
+bool chargeLoad(const IElement& element, FileStorage& storage) {
+  if (!t_load.scoped && t_load.depth == 0) t_load.budget = LoadScope::budgetFor(storage.file().size());
+  const uint64_t cost = element.memoryFootprint() + 64;  // and a receipt or two
+  if (t_load.budget < cost) return false;
+  t_load.budget -= cost;
+  return true;
+}
+
+// Passes over one element by its size when it has one that fits; returns the bytes passed over.
+uint64_t skipElement(FileStorage& storage, uint64_t left) {
+  File& file = storage.file();
+  const uint64_t here = file.absolutePosition();
+  File::Seek guard(file);
+  if (loadEbmlId(storage) == 0) return 0;
+  unsigned sizeBytes = 0;
+  const uint64_t size = vsizeDecode(storage, sizeBytes);
+  if (sizeBytes == 0 || size == ~0ull) return 0;
+  const uint64_t headerBytes = file.absolutePosition() - here;
+  if (headerBytes > left || size > left - headerBytes || size > remainingInFile(storage)) return 0;
+  if (!file.seek(static_cast<int64_t>(size), File::kRelativeToCurrent)) return 0;
+  guard.doNotRestore();
+  return headerBytes + size;
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------- LoadScope
+
+struct LoadScope::Saved {
+  LoadContext context;
+};
+
+LoadScope::LoadScope(bool keepUnknown, std::vector<TByteRange>* damaged, uint64_t inputSize)
+    : saved_(new Saved{t_load}) {
+  t_load.keepUnknown = keepUnknown;
+  t_load.damaged = damaged;
+  t_load.scoped = true;
+  t_load.budget = budgetFor(inputSize);
+}
+
+LoadScope::~LoadScope() { t_load = saved_->context; }
+
+uint64_t LoadScope::budgetFor(uint64_t inputSize) {
+  const uint64_t fixed = 64ull << 20;
+  const uint64_t perByte = 16;
+  return inputSize > (~0ull - fixed) / perByte ? ~0ull : fixed + perByte * inputSize;
+}
+
+void LoadScope::noteDamage(uint64_t begin, uint64_t end) {
+  if (!t_load.damaged || end <= begin) return;
+  auto& ranges = *t_load.damaged;
+  // Overlapping or touching notes (a parent cut short and its child) become one range.
+  for (auto& r : ranges)
+    if (begin <= r.end && r.begin <= end) {
+      r.begin = std::min(r.begin, begin);
+      r.end = std::max(r.end, end);
+      return;
+    }
+  ranges.push_back({begin, end});
+}
 
 // ---------------------------------------------------------------- IPayload
 
 IPayload::IPayload() = default;
-IPayload::IPayload(const IPayload& other) = default;
-IPayload& IPayload::operator=(const IPayload& other) = default;
+IPayload::IPayload(const IPayload& other)
+    : voids_(other.voids_), opaques_(other.opaques_ ? new OpaqueChildren(*other.opaques_) : nullptr) {}
+IPayload& IPayload::operator=(const IPayload& other) {
+  if (this == &other) return *this;
+  voids_ = other.voids_;
+  opaques_.reset(other.opaques_ ? new OpaqueChildren(*other.opaques_) : nullptr);
+  return *this;
+}
 IPayload::~IPayload() = default;
+
+void IPayload::addOpaque(const OpaqueElement& element, bool leading) {
+  if (!opaques_) opaques_.reset(new OpaqueChildren);
+  (leading ? opaques_->leading : opaques_->trailing).push_back(element);
+}
+
+bool IPayload::hasOpaque() const { return opaques_ && (!opaques_->leading.empty() || !opaques_->trailing.empty()); }
+
+const std::list<OpaqueElement>* IPayload::opaques(bool leading) const {
+  if (!opaques_) return nullptr;
+  return leading ? &opaques_->leading : &opaques_->trailing;
+}
+
+uint64_t IPayload::calcOpaqueSize(bool leading) const {
+  uint64_t total = 0;
+  if (const auto* list = opaques(leading))
+    for (const auto& e : *list) total += e.calcSize();
+  return total;
+}
+
+bool IPayload::saveOpaques(IStorage& storage, bool leading, ReceiptPtr& result) const {
+  if (const auto* list = opaques(leading))
+    for (const auto& e : *list) {
+      ReceiptPtr r = e.save(storage);
+      if (!r) return false;
+      *result += r;
+    }
+  return true;
+}
 
 bool IPayload::eval(IElementCrawler&) { return false; }
 
@@ -70,6 +178,41 @@ uint64_t VVoid::load(FileStorage& storage, uint64_t payloadSize, IDelegateLoad*)
   return payloadSize;
 }
 
+uint64_t VOpaque::load(FileStorage& storage, uint64_t payloadSize, IDelegateLoad*) {
+  if (payloadSize > remainingInFile(storage)) return 0;
+  return data_.load(storage, payloadSize);
+}
+
+uint64_t OpaqueElement::calcSize() const {
+  const uint64_t p = payload_.calcSize();
+  return uintNumBytes(id_) + std::max<uint64_t>(sizeWidth_, vsizeNumBytes(p)) + p;
+}
+
+ReceiptPtr OpaqueElement::save(IStorage& storage, uint64_t sizeBytes) const {
+  const uint64_t p = payload_.calcSize();
+  return IElement::save(storage, sizeBytes ? sizeBytes : std::max<uint64_t>(sizeWidth_, vsizeNumBytes(p)));
+}
+
+// Takes whatever ID starts here, with a known size that fits.
+uint64_t OpaqueElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad*) {
+  File& file = storage.file();
+  const uint64_t here = file.absolutePosition();
+  File::Seek guard(file);
+  const uint64_t id = loadEbmlId(storage);
+  if (id == 0) return 0;
+  unsigned sizeBytes = 0;
+  const uint64_t size = vsizeDecode(storage, sizeBytes);
+  if (sizeBytes == 0 || size == ~0ull) return 0;
+  const uint64_t headerBytes = file.absolutePosition() - here;
+  if (headerBytes > bytesToRead || size > bytesToRead - headerBytes || size > remainingInFile(storage)) return 0;
+  id_ = id;
+  sizeWidth_ = sizeBytes;
+  if (payload_.load(storage, size, nullptr) != size) return 0;
+  guard.doNotRestore();
+  discardReceipts();
+  return headerBytes + size;
+}
+
 // ---------------------------------------------------------------- IElement
 
 IElement::IElement()
@@ -80,7 +223,7 @@ IElement::~IElement() = default;
 bool IElement::mustSave() const {
   if (fixedSize_ != 0 || (flags_ & kAlwaysSave)) return true;
   const IPayload& p = getPayload();
-  if (!p.isDefault()) return true;
+  if (!p.isDefault() || p.hasOpaque()) return true;
   if (!p.isComposite()) return false;
   return p.hasVoid();
 }
@@ -113,7 +256,7 @@ uint64_t IElement::calcSizeAlways() const {
   const uint64_t p = payloadSizeWithCrc();
   uint64_t total = uintNumBytes(getId()) + vsizeNumBytes(p) + p;
   for (const auto& v : getPayload().voids()) total += v.calcSize();
-  return total;
+  return total + getPayload().calcOpaqueSize(false);
 }
 
 ReceiptPtr IElement::save(IStorage& storage, uint64_t sizeBytes) const {
@@ -160,6 +303,7 @@ ReceiptPtr IElement::saveUnchecked(IStorage& storage, uint64_t sizeBytes) const 
     if (!vr) return vr;
     *r += vr;
   }
+  if (!getPayload().saveOpaques(storage, false, r)) return ReceiptPtr();
   return r;
 }
 
@@ -203,7 +347,7 @@ ReceiptPtr IElement::savePaddedUpToSize(IStorage& storage, uint64_t total) const
 }
 
 uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad* delegate) {
-  if (bytesToRead == 0) return 0;
+  if (bytesToRead == 0 || t_load.depth >= kMaxLoadDepth) return 0;
   File& file = storage.file();
   ReceiptPtr start = storage.receipt();
   File::Seek guard(file);
@@ -216,21 +360,32 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
   const bool unknown = size == ~0ull;
   // Only masters may leave their size open.
   if (unknown && !getPayload().isComposite()) return 0;
+  if (!chargeLoad(*this, storage)) return 0;
   // A size running past its parent or the file is cut to what is there; an open one too.
+  const uint64_t claimed = size;
   size = std::min(size, bytesToRead - headerBytes);
   size = std::min(size, remainingInFile(storage));
+  if (!unknown && size < claimed) {
+    const uint64_t payloadStart = file.absolutePosition();
+    LoadScope::noteDamage(payloadStart + size, claimed > ~0ull - payloadStart ? ~0ull : payloadStart + claimed);
+  }
   guard.doNotRestore();
   receipt_ = start;
   receipt_->add(headerBytes);
   flags_ &= ~static_cast<uint32_t>(kComputeCrc32);
   checksum_ = 0;
-  crc32Matched_ = true;
+  crc32Found_ = kCrc32None;
   payloadOffset_ = storage.receipt()->position() - receipt_->position();
   crc32Offset_ = kUndefinedOffset;
 
   IPayload& payload = getPayload();
   uint64_t remaining = size;
   uint64_t consumed = 0;
+  // One level deeper while the payload loads; the last child of the level starts empty.
+  struct Level {
+    Level() { t_load.last[++t_load.depth] = nullptr; }
+    ~Level() { --t_load.depth; }
+  } level;
   while (remaining > 0) {
     uint64_t pass = 0;
     bool loadedPayload = false;
@@ -282,7 +437,14 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
     Crc32 crc;
     ReceiptPtr pr = payloadReceipt();
     ReceiptPtr cr = crc32Receipt();
-    crc32Matched_ = pr && pr->calcCrc32(crc, cr) && crc.checksum() == checksum_;
+    crc32Found_ = kCrc32Mismatch;
+    if (pr && pr->calcCrc32(crc, cr)) {
+      const uint32_t sum = crc.checksum();
+      if (sum == checksum_)
+        crc32Found_ = kCrc32FoundBigEndian;
+      else if (__builtin_bswap32(sum) == checksum_)
+        crc32Found_ = kCrc32FoundLittleEndian;
+    }
   }
   if (delegate && receipt_->numBytes() > 0) delegate->loaded(*this);
   return receipt_->numBytes();
@@ -367,7 +529,7 @@ bool EbmlMaster::isDefault() const {
 uint64_t EbmlMaster::calcSize() const { return eltsCalcSize(*this); }
 
 uint64_t eltsCalcSize(const EbmlMaster& master) {
-  uint64_t total = 0;
+  uint64_t total = master.calcOpaqueSize(true);
   visitChildrenWith(master, [&](IElement* e, IEltList* l, MixedElements* m) {
     if (e)
       total += e->calcSize();
@@ -385,7 +547,7 @@ uint64_t eltsCalcSize(const EbmlMaster& master) {
 
 ReceiptPtr EbmlMaster::save(IStorage& storage) const {
   ReceiptPtr result = storage.receipt();
-  if (!result) return result;
+  if (!result || !saveOpaques(storage, true, result)) return ReceiptPtr();
   const bool failed = visitChildrenWith(*this, [&](IElement* e, IEltList* l, MixedElements* m) {
     if (e) {
       ReceiptPtr r = e->save(storage, 0);
@@ -420,6 +582,45 @@ uint64_t EbmlMaster::load(FileStorage& storage, uint64_t bytesToRead, IDelegateL
   return eltsLoad(*this, storage, bytesToRead, delegate);
 }
 
+namespace {
+
+// Loads the child with this ID into its member, list or mixed list: the element (null when none loaded)
+// and the bytes it took.
+IElement* loadChild(EbmlMaster& master, uint64_t id, FileStorage& storage, uint64_t left, IDelegateLoad* delegate,
+                    uint64_t& n) {
+  IElement* loaded = nullptr;
+  n = 0;
+  visitChildrenWith(master, [&](IElement* e, IEltList* l, MixedElements* m) {
+    if (e && e->getId() == id) {
+      n = e->load(storage, left, delegate);
+      if (n > 0) loaded = e;
+      return true;
+    }
+    if (l && l->id() == id) {
+      IElement& item = l->appendNew();
+      n = item.load(storage, left, delegate);
+      if (n > 0)
+        loaded = &item;
+      else
+        l->removeLast();
+      return true;
+    }
+    if (m && m->knows(id)) {
+      IElement* item = nullptr;
+      n = m->loadOneElement(item, storage, left, delegate);
+      if (item && m->adopt(item)) loaded = item;
+      return true;
+    }
+    return false;
+  });
+  if (!loaded) n = 0;
+  return loaded;
+}
+
+uint64_t keepOpaque(EbmlMaster& master, FileStorage& storage, uint64_t left);
+
+}  // namespace
+
 uint64_t eltsLoad(EbmlMaster& master, FileStorage& storage, uint64_t bytesToRead, IDelegateLoad* delegate) {
   File& file = storage.file();
   uint64_t consumed = 0;
@@ -434,53 +635,53 @@ uint64_t eltsLoad(EbmlMaster& master, FileStorage& storage, uint64_t bytesToRead
       File::Seek guard(file);
       id = loadEbmlId(storage);
     }
-    if (id == 0) break;
     const uint64_t left = bytesToRead - consumed;
     uint64_t n = 0;
-    bool known = false;
-    visitChildrenWith(master, [&](IElement* e, IEltList* l, MixedElements* m) {
-      if (e && e->getId() == id) {
-        known = true;
-        n = e->load(storage, left, delegate);
-        return true;
-      }
-      if (l && l->id() == id) {
-        known = true;
-        IElement& item = l->appendNew();
-        n = item.load(storage, left, delegate);
-        if (n == 0) l->removeLast();
-        return true;
-      }
-      if (m && m->knows(id)) {
-        known = true;
-        IElement* item = nullptr;
-        n = m->loadOneElement(item, storage, left, delegate);
-        if (item) m->adopt(item);
-        return true;
-      }
-      return false;
-    });
-    if (known) {
-      if (n == 0) break;
+    if (IElement* loaded = id ? loadChild(master, id, storage, left, delegate, n) : nullptr) {
+      t_load.last[t_load.depth] = loaded;
       consumed += n;
       continue;
     }
-    // Voids and CRC-32 elements are the element's business; other strangers are skipped
-    // inside a payload of known size and end an open-ended one.
-    if (id == kIdVoid || id == kIdCrc32 || openEnded) break;
-    File::Seek guard(file);
-    loadEbmlId(storage);
-    unsigned sizeBytes = 0;
-    const uint64_t size = vsizeDecode(storage, sizeBytes);
-    if (sizeBytes == 0 || size == ~0ull) break;
-    const uint64_t headerBytes = file.absolutePosition() - here;
-    if (headerBytes > left || size > left - headerBytes) break;
-    file.seek(static_cast<int64_t>(size), File::kRelativeToCurrent);
-    guard.doNotRestore();
-    consumed += headerBytes + size;
+    if (id == kIdVoid || id == kIdCrc32) break;  // the element's own business
+    if (id != 0 && master.hasChild(id)) {
+      // A child that cannot be read (too deep, too large, malformed) is passed over by its size.
+      n = skipElement(storage, left);
+      if (n > 0) LoadScope::noteDamage(here, here + n);
+    } else if (id != 0 && openEnded) {
+      break;  // the next element after this one
+    } else if (id != 0) {
+      n = t_load.keepUnknown ? keepOpaque(master, storage, left) : skipElement(storage, left);
+    }
+    if (n == 0) {
+      const uint64_t next = master.resyncAfterDamage(storage, here, here + left);
+      if (next <= here) break;
+      LoadScope::noteDamage(here, next);
+      file.seek(static_cast<int64_t>(next), File::kAbsolutePosition);
+      n = next - here;
+    }
+    consumed += n;
   }
   return consumed;
 }
+
+namespace {
+
+uint64_t keepOpaque(EbmlMaster& master, FileStorage& storage, uint64_t left) {
+  OpaqueElement opaque;
+  const uint64_t n = opaque.load(storage, left, nullptr);
+  if (n == 0) return 0;
+  // In its place: after the child loaded before it, or first in the master.
+  IElement* before = t_load.last[t_load.depth];
+  if (before)
+    before->getPayload().addOpaque(opaque, false);
+  else
+    master.addOpaque(opaque, true);
+  return n;
+}
+
+}  // namespace
+
+uint64_t EbmlMaster::resyncAfterDamage(FileStorage&, uint64_t, uint64_t) { return 0; }
 
 void eltsSetCrc32(EbmlMaster& master, bool enable) {
   visitChildrenWith(master, [&](IElement* e, IEltList* l, MixedElements*) {

@@ -5,12 +5,14 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "kapsel/ebml.h"
 #include "kapsel/file.h"
+#include "kapsel/hodgepodge.h"
 #include "kapsel/storage.h"
 
 namespace Kapsel {
@@ -19,6 +21,8 @@ class IElement;
 class IElementCrawler;
 class IDelegateLoad;
 class VVoid;
+class OpaqueElement;
+struct OpaqueChildren;
 template <class Payload, uint64_t Id, class EltName>
 class TElt;
 
@@ -51,8 +55,17 @@ class IPayload {
   const VoidList& voids() const { return voids_; }
   void clearVoids();
 
+  // Elements the tables do not know, kept when a load asks for it. Trailing ones follow this payload's
+  // element inside its parent; leading ones come first inside this (master) payload.
+  void addOpaque(const OpaqueElement& element, bool leading);
+  bool hasOpaque() const;
+  const std::list<OpaqueElement>* opaques(bool leading) const;
+  uint64_t calcOpaqueSize(bool leading) const;
+  bool saveOpaques(IStorage& storage, bool leading, ReceiptPtr& result) const;
+
  private:
   VoidList voids_;
+  std::unique_ptr<OpaqueChildren> opaques_;
 };
 
 class IDelegateLoad {
@@ -61,6 +74,39 @@ class IDelegateLoad {
   // Bytes consumed; 0 to load the payload normally; all ones to abandon the element.
   virtual uint64_t load(FileStorage& storage, uint64_t bytesToRead, uint64_t eltId, IPayload& payload) = 0;
   virtual void loaded(IElement&) {}
+};
+
+// A stretch of the input that could not be read; `end` lies past the end of the file when an element
+// claims to run past it.
+struct TByteRange {
+  uint64_t begin;
+  uint64_t end;
+  bool operator==(const TByteRange& o) const { return begin == o.begin && end == o.end; }
+};
+
+// How a loaded CRC-32 value matched its element: RFC 8794 stores it least significant byte first.
+enum TCrc32Order : int { kCrc32BigEndian = 0, kCrc32LittleEndian = 1 };
+enum TCrc32Found : int { kCrc32None = 0, kCrc32FoundBigEndian, kCrc32FoundLittleEndian, kCrc32Mismatch };
+
+// No real file nests deeper; a deeper element fails to load and is passed over.
+constexpr unsigned kMaxLoadDepth = 64;
+
+// Settings for the loads made on this thread while it lives: unknown elements kept, damage recorded,
+// and element objects bounded by a multiple of the input's size.
+class LoadScope {
+ public:
+  LoadScope(bool keepUnknown, std::vector<TByteRange>* damaged, uint64_t inputSize);
+  ~LoadScope();
+  LoadScope(const LoadScope&) = delete;
+  LoadScope& operator=(const LoadScope&) = delete;
+  // Bytes of element objects a load may create for an input of this size.
+  static uint64_t budgetFor(uint64_t inputSize);
+  // Notes a damaged range in the scope that is recording, if any.
+  static void noteDamage(uint64_t begin, uint64_t end);
+
+ private:
+  struct Saved;
+  std::unique_ptr<Saved> saved_;
 };
 
 class IElement {
@@ -92,8 +138,11 @@ class IElement {
   uint32_t storedChecksum() const { return checksum_; }
   uint64_t fixedSize() const { return fixedSize_; }
   uint32_t flags() const { return flags_; }
-  // Whether the CRC-32 computed on load matched the stored one (true when there was none).
-  bool crc32Matched() const { return crc32Matched_; }
+  // Whether the CRC-32 computed on load matched the stored one in either byte order (true when there was none).
+  bool crc32Matched() const { return crc32Found_ != kCrc32Mismatch; }
+  TCrc32Found crc32Order() const { return crc32Found_; }
+  // Bytes an object of this element takes in memory: what a load charges against its budget.
+  virtual uint64_t memoryFootprint() const { return sizeof(IElement); }
 
   // Items of list children are written even when all their children are default.
   uint64_t calcSizeAlways() const;
@@ -109,7 +158,7 @@ class IElement {
   mutable uint64_t payloadOffset_;
   mutable uint64_t crc32Offset_;
   uint64_t fixedSize_;
-  bool crc32Matched_ = true;
+  TCrc32Found crc32Found_ = kCrc32None;
 };
 
 template <class Payload, uint64_t Id, class EltName>
@@ -128,6 +177,7 @@ class TElt : public IElement {
   Payload* operator->() { return &payload_; }
   const Payload* operator->() const { return &payload_; }
 
+  uint64_t memoryFootprint() const override { return sizeof(TElt); }
   static IElement* create() { return new TElt; }
   static IElement* createCopy(const IElement* e) {
     if (e == nullptr || e->getId() != Id) return nullptr;
@@ -162,6 +212,44 @@ class VVoid : public IPayload {
 };
 
 using VoidElement = IPayload::VoidElt;
+
+// The payload of an element the tables do not know: its bytes, held by receipt.
+class VOpaque : public IPayload {
+ public:
+  bool isDefault() const override { return false; }
+  uint64_t calcSize() const override { return data_.numBytes(); }
+  ReceiptPtr save(IStorage& storage) const override { return data_.save(storage); }
+  uint64_t load(FileStorage& storage, uint64_t payloadSize, IDelegateLoad* delegate) override;
+  const HodgePodge& data() const { return data_; }
+
+ private:
+  HodgePodge data_;
+};
+
+// An element the tables do not know, written back with its ID, its size field's width and its bytes.
+class OpaqueElement : public IElement {
+ public:
+  explicit OpaqueElement(uint64_t id = 0, unsigned sizeWidth = 0) : id_(id), sizeWidth_(sizeWidth) {}
+  uint64_t getId() const override { return id_; }
+  const char* getName() const override { return "Unknown"; }
+  const IPayload& getPayload() const override { return payload_; }
+  IPayload& getPayload() override { return payload_; }
+  uint64_t calcSize() const override;
+  ReceiptPtr save(IStorage& storage, uint64_t sizeBytes = 0) const override;
+  uint64_t load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad* delegate = nullptr) override;
+  uint64_t memoryFootprint() const override { return sizeof(OpaqueElement); }
+  const VOpaque& opaque() const { return payload_; }
+
+ private:
+  uint64_t id_;
+  unsigned sizeWidth_;
+  VOpaque payload_;
+};
+
+struct OpaqueChildren {
+  std::list<OpaqueElement> leading;
+  std::list<OpaqueElement> trailing;
+};
 
 // A repeated child of a master: an ordered container of elements of one type.
 class IEltList {
@@ -234,6 +322,8 @@ class EbmlMaster : public IPayload {
   bool isComposite() const override { return true; }
 
   virtual bool visitChildren(ChildVisitor& visitor) = 0;
+  // Where loading goes on after unreadable bytes at `from` (an absolute position), or 0 to stop there.
+  virtual uint64_t resyncAfterDamage(FileStorage& storage, uint64_t from, uint64_t limit);
   bool visitChildren(ChildVisitor& visitor) const { return const_cast<EbmlMaster*>(this)->visitChildren(visitor); }
   // Whether an unknown-size payload ends at an element of this ID.
   bool hasChild(uint64_t id) const;

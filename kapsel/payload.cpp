@@ -144,6 +144,7 @@ void VEltPosition::setPosition(uint64_t position) {
   origin_ = nullptr;
   elt_ = nullptr;
   position_ = position;
+  fromLoad_ = false;
 }
 
 uint64_t VEltPosition::getOriginPosition() const {
@@ -205,6 +206,7 @@ uint64_t VEltPosition::load(FileStorage& storage, uint64_t payloadSize, IDelegat
   if (!readNumber(storage, payloadSize, v, w) || w == 0) return 0;
   width_ = w;
   position_ = v;
+  fromLoad_ = true;
   return payloadSize;
 }
 

@@ -134,6 +134,8 @@ class VEltPosition : public IPayload {
   virtual uint64_t getOriginPosition() const;
   void discardReceipt() { receipt_ = ReceiptPtr(); }
   bool rewrite();
+  // A position read from a file whose target was never found: saving it would point nowhere.
+  bool isDangling() const { return fromLoad_ && !elt_; }
 
   bool isDefault() const override;
   uint64_t calcSize() const override;
@@ -145,6 +147,7 @@ class VEltPosition : public IPayload {
   const IElement* elt_ = nullptr;
   uint64_t position_ = ~0ull;
   uint64_t width_ = 8;
+  bool fromLoad_ = false;
   mutable ReceiptPtr receipt_;
 };
 

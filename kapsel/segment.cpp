@@ -1,6 +1,8 @@
 #include "kapsel/segment.h"
 
 #include <cstdio>
+#include <cstring>
+#include <vector>
 #include <map>
 
 #include "kapsel/payload.h"
@@ -35,7 +37,7 @@ ReceiptPtr Segment::save(IStorage& storage) const {
   if (delegateSave_) return delegateSave_->save(*this, storage);
   ReceiptPtr result = storage.receipt();
   if (!result) return result;
-  const bool ok = (seekHeads_.empty() || append(result, seekHeads_.front().saveAlways(storage))) &&
+  const bool ok = saveOpaques(storage, true, result) && (seekHeads_.empty() || append(result, seekHeads_.front().saveAlways(storage))) &&
                   append(result, info_.save(storage)) && append(result, tracks_.save(storage)) &&
                   append(result, cues_.save(storage)) && append(result, chapters_.save(storage)) &&
                   append(result, attachments_.save(storage)) && appendAll(result, clusters_, storage) &&
@@ -46,12 +48,39 @@ ReceiptPtr Segment::save(IStorage& storage) const {
 ReceiptPtr WebmSegmentSaver::save(const Segment& s, IStorage& storage) {
   ReceiptPtr result = storage.receipt();
   if (!result) return result;
-  const bool ok = (s.seekHeads_.empty() || append(result, s.seekHeads_.front().saveAlways(storage))) &&
+  const bool ok = s.saveOpaques(storage, true, result) && (s.seekHeads_.empty() || append(result, s.seekHeads_.front().saveAlways(storage))) &&
                   append(result, s.info_.save(storage)) && append(result, s.tracks_.save(storage)) &&
                   append(result, s.chapters_.save(storage)) && append(result, s.cues_.save(storage)) &&
                   append(result, s.attachments_.save(storage)) && appendAll(result, s.tags_, storage) &&
                   appendAll(result, s.clusters_, storage) && appendAll(result, s.seekHeads_, storage, 1);
   return ok ? result : ReceiptPtr();
+}
+
+uint64_t Segment::resyncAfterDamage(FileStorage& storage, uint64_t from, uint64_t limit) {
+  File& file = storage.file();
+  limit = std::min(limit, file.size());
+  File::Seek guard(file);
+  static const unsigned char kCluster[4] = {0x1F, 0x43, 0xB6, 0x75};
+  std::vector<unsigned char> buffer(1 << 16);
+  // Windows overlap by three bytes so that an ID across two windows is still seen.
+  for (uint64_t pos = from + 1; pos + 4 <= limit; pos += buffer.size() - 3) {
+    if (!file.seek(static_cast<int64_t>(pos), File::kAbsolutePosition)) return 0;
+    const unsigned long got = file.peek(buffer.data(), static_cast<unsigned long>(
+                                                           std::min<uint64_t>(buffer.size(), limit - pos)));
+    if (got < 4) return 0;
+    for (unsigned long i = 0; i + 4 <= got; ++i) {
+      if (std::memcmp(&buffer[i], kCluster, 4) != 0) continue;
+      const uint64_t at = pos + i;
+      file.seek(static_cast<int64_t>(at + 4), File::kAbsolutePosition);
+      unsigned sizeBytes = 0;
+      const uint64_t size = vsizeDecode(storage, sizeBytes);
+      if (sizeBytes == 0) continue;
+      const uint64_t payload = at + 4 + sizeBytes;
+      if (size == ~0ull || (payload <= limit && size <= limit - payload)) return at;
+    }
+    if (got < buffer.size()) return 0;
+  }
+  return 0;
 }
 
 void Segment::setCrc32(bool enable) {
@@ -120,6 +149,28 @@ void Segment::resolveReferences(const IElement& origin) {
   for (auto& cluster : clusters_) resolve(*cluster->position_);
 }
 
+namespace {
+
+template <class List, class Pred>
+void eraseIf(List& list, Pred pred) {
+  for (auto it = list.items.begin(); it != list.items.end();) it = pred(*it) ? list.items.erase(it) : std::next(it);
+}
+
+}  // namespace
+
+void Segment::dropDanglingReferences() {
+  for (auto& head : seekHeads_) eraseIf(head->entries_, [](auto& e) { return e->position_->isDangling(); });
+  eraseIf(cues_->points_, [](auto& point) {
+    eraseIf(point->positions_, [](auto& pos) {
+      eraseIf(pos->references_, [](auto& ref) { return ref->cluster_->isDangling(); });
+      return pos->clusterPosition_->isDangling();
+    });
+    return point->positions_.empty();
+  });
+  for (auto& cluster : clusters_)
+    if (cluster->position_->isDangling()) cluster->position_->setPosition(uintMax[8]);
+}
+
 bool Segment::followSeekHeads(FileStorage& storage, const IElement& origin) {
   bool result = true;
   ReceiptPtr payload = origin.payloadReceipt();
@@ -176,6 +227,10 @@ bool Segment::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, boo
   bool result = followSeekHeads(storage, origin);
   File& file = storage.file();
   ClusterElt* lastCluster = nullptr;
+  // Every position is loaded once, however many entries name it.
+  std::map<uint64_t, uint64_t> loaded;  // position -> bytes
+  for (auto& head : seekHeads_)
+    if (ReceiptPtr r = head.storageReceipt()) loaded.emplace(r->position(), r->numBytes());
   for (size_t h = 0; h < seekHeads_.size(); ++h) {
     for (auto& entry : seekHeads_[h]->entries_) {
       const uint64_t id = entry->id_->get();
@@ -188,10 +243,12 @@ bool Segment::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, boo
         continue;
       }
       const uint64_t offset = payload->position() + ref.position();
-      if (offset >= file.size() || !file.seek(static_cast<int64_t>(offset), File::kAbsolutePosition)) {
+      if (offset < ref.position() || offset >= file.size() ||
+          !file.seek(static_cast<int64_t>(offset), File::kAbsolutePosition)) {
         result = false;
         continue;
       }
+      if (!loaded.emplace(offset, 0).second) continue;
       const uint64_t remaining = file.size() - offset;
       uint64_t n = 0;
       switch (id) {
@@ -218,6 +275,7 @@ bool Segment::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, boo
         default: break;
       }
       if (n == 0) result = false;
+      loaded[offset] = n;
     }
   }
   if (loadClusters && lastCluster) {
@@ -225,11 +283,20 @@ bool Segment::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, boo
     ReceiptPtr r = lastCluster->storageReceipt();
     file.seek(static_cast<int64_t>(r->position() + r->numBytes()), File::kAbsolutePosition);
     while (file.absolutePosition() < file.size()) {
+      const uint64_t at = file.absolutePosition();
+      auto known = loaded.find(at);
+      if (known != loaded.end()) {
+        // Named by the seek head too: already loaded, pass over it.
+        if (known->second == 0 || !file.seek(static_cast<int64_t>(at + known->second), File::kAbsolutePosition)) break;
+        continue;
+      }
       ClusterElt& c = clusters_.add();
-      if (c.load(storage, ~0ull, delegate) == 0) {
+      const uint64_t n = c.load(storage, ~0ull, delegate);
+      if (n == 0) {
         clusters_.removeLast();
         break;
       }
+      loaded.emplace(at, n);
     }
   }
   return result;

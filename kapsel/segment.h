@@ -53,9 +53,13 @@ class Segment : public EbmlMaster, public SegmentChildNames {
 
   bool isDefault() const override;
   ReceiptPtr save(IStorage& storage) const override;
+  // The next Cluster: its ID followed by a size that fits within the segment and the file.
+  uint64_t resyncAfterDamage(FileStorage& storage, uint64_t from, uint64_t limit) override;
 
   void setCrc32(bool enable);
   void resolveReferences(const IElement& origin);
+  // Removes seek entries, cue positions and cluster positions whose target was never loaded.
+  void dropDanglingReferences();
   // The segment's own element: positions in its seek heads are relative to its payload.
   void setOrigin(const IElement* origin) { origin_ = origin; }
   bool loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, bool loadClusters);
