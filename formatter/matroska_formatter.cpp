@@ -429,6 +429,9 @@ void CKVMatroskaFormatter::buildHeader() {
                           ? static_cast<double>(DurationHintEnd() - DurationHintStart())
                           : 0.0;
   info.duration_->set(span * 1000.0 / scale);
+  // Readers show the container's title from here, not from the tags.
+  for (uint32_t i = 0; i < MetaData().GetCount(); ++i)
+    if (MetaData()[i].GetName().str() == "Title") info.title_->set(MetaData()[i].GetValue().str());
   if (!isWebM_) {
     unsigned char uid[16];
     createUID(uid, 16);
@@ -610,14 +613,17 @@ bool CKVMatroskaFormatter::muxOneFrame() {
     relative = 0;
   }
   const unsigned long inBlock = block_.getNumberOfFrames();
+  // Readers space laced frames by the default duration: a video frame off that step starts its own block.
+  const bool offStep = frame->track == 1 && frame->time != blockLastTime_ + frameDurationMs_;
   if (inBlock >= 8 ||
-      (inBlock >= 1 && (isWebM_ || frame->key || frame->track != block_.getTrackNumber())))
+      (inBlock >= 1 && (isWebM_ || frame->key || frame->track != block_.getTrackNumber() || offStep)))
     finishCurrentBlock();
   if (block_.getNumberOfFrames() == 0) {
     block_.setTrackNumber(frame->track);
     block_.setRelativeTimecode(static_cast<short>(relative));
     block_.setKeyframe(frame->key);
   }
+  blockLastTime_ = frame->time;
   IPacket* packet = frame->data;
   frame->data = nullptr;
   if (packet && packet->GetData() && packet->GetSize() > 0) {

@@ -152,6 +152,7 @@ class CKVMatroskaFormatter : public CAFormatter {
   uint32_t blocksInCluster_ = 0;
   uint32_t clusterCount_ = 0;
   Kapsel::SimpleBlock block_;
+  uint64_t blockLastTime_ = 0;  // time of the last frame put into block_
   TDataTable<unsigned long long, 65536> clusterPositions_;
   TDataTable<TCue, 65536> cues_;
   uint64_t earliestTime_ = 0, latestEnd_ = 0;

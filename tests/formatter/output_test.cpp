@@ -324,7 +324,8 @@ struct Job {
 };
 
 // What was fed comes back from ffprobe and ffmpeg: count, bytes, millisecond times and key flags per stream.
-// Readers guess the times of laced frames after the first of a block, so only block starts are compared.
+// Laced video frames follow at the default duration, so every video time is compared; readers guess the times of
+// laced audio frames after the first of a block, so only audio block starts are.
 void checkWithReaders(const Job& job, bool webm) {
   std::string err;
   const auto packets = ffprobePackets(job.path, &err);
@@ -351,7 +352,7 @@ void checkWithReaders(const Job& job, bool webm) {
     ASSERT_EQ(got.size(), want.size()) << "stream " << stream;
     ASSERT_EQ(blockStart[track].size(), want.size());
     for (size_t i = 0; i < want.size(); ++i)
-      if (!blockStart[track][i]) got[i].first = want[i].first;
+      if (!blockStart[track][i] && track == 2) got[i].first = want[i].first;
     EXPECT_EQ(got, want) << "stream " << stream;
     EXPECT_EQ(frameMd5(job.path, stream), md5All(blobs)) << "stream " << stream;
     ++stream;
@@ -389,7 +390,7 @@ TEST_F(OutputTest, WebmVp8AndVorbis) {
   Job job(kWebm, dir.path("av.webm"));
   job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 320, 240, 30.0, "VP8", 30u, {}, {}};
   job.ac.params = {kKvi, FourCC("VRBS"), 48000, 16, "Stereo", "Vorbis"};
-  job.meta.Add(CAceNameValuePair("Title", "not in WebM"));
+  job.meta.Add(CAceNameValuePair("Title", "Info only"));
   job.begin(true, true, 6000);
   std::vector<RefAudioPacket> hp;
   for (const Bytes& h : headers) hp.push_back({h, 0, 1000});
@@ -412,6 +413,7 @@ TEST_F(OutputTest, WebmVp8AndVorbis) {
   job.expectClusters(10, 6);
   EXPECT_EQ(child(l.b, l.one(kInfo), 0x73A4).id, 0u) << "no SegmentUID in WebM";
   EXPECT_EQ(l.one(kTags).id, 0u);
+  EXPECT_EQ(str(l.b, child(l.b, l.one(kInfo), 0x7BA9)), "Info only");
   ASSERT_NE(child(l.b, l.track(2), 0x9C).id, 0u);
   EXPECT_EQ(num(l.b, child(l.b, l.track(2), 0x9C)), 0u);
   Bytes priv{2};  // Xiph-laced header packets
@@ -462,6 +464,7 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
   const Layout l = finishAndCheck(job, false);
   job.expectClusters(5, 4);
   EXPECT_EQ(child(l.b, l.one(kInfo), 0x73A4).size, 16u);
+  EXPECT_EQ(str(l.b, child(l.b, l.one(kInfo), 0x7BA9)), "Synthetic");
   EXPECT_EQ(raw(l.b, child(l.b, l.track(1), 0x63A2)), avcC) << "the first decoder configuration is kept";
   EXPECT_EQ(raw(l.b, child(l.b, l.track(2), 0x63A2)), asc);
   const El flagLacing = child(l.b, l.track(2), 0x9C);
@@ -495,17 +498,38 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
   EXPECT_EQ(got, want);
 }
 
-TEST_F(OutputTest, MatroskaLacesRunsOfNonKeyFramesAndWebmNeverLaces) {
-  for (uint32_t format : {kMkv, kWebm}) {
-    Job job(format, dir.path(format == kMkv ? "lace.mkv" : "lace.webm"));
-    job.begin(true, false, 1200);
-    for (int v = 0; v < 30; ++v) job.addVideo(v * 40, 1000, v % 20 == 0, vp8(100 + v * 13 % 90, v % 20 == 0, v));
+TEST_F(OutputTest, MatroskaLacesOnlyVideoFramesAtTheFrameStepAndWebmNeverLaces) {
+  // 30 frames at 25 fps (40 ms a frame), key frames at 0 and 20; the time of frame v in decode order.
+  auto steady = [](int v) { return v * 40; };
+  // I0 P3 B2 B1 …: presentation order is not decode order and no frame follows the previous one by 40 ms.
+  auto pyramid = [](int v) { return v == 0 ? 0 : (v % 3 == 1 ? v + 2 : v % 3 == 2 ? v : v - 2) * 40; };
+  // I0 P3 B1 B2 …: the two B-frames of a group follow each other by 40 ms and share a block.
+  auto flat = [](int v) { return v == 0 ? 0 : (v % 3 == 1 ? v + 2 : v - 1) * 40; };
+  // Frames 11 to 19 step 50 and 30 ms: only the runs at 40 ms lace.
+  auto variable = [](int v) { return v * 40 + (v > 10 && v < 20 ? (v % 2) * 10 : 0); };
+  struct Case {
+    const char* name;
+    uint32_t format;
+    int (*time)(int);
     std::vector<unsigned> frames;
-    for (const Block& b : finishAndCheck(job, format == kWebm).blocks()) {
+  } cases[] = {
+      {"steady.mkv", kMkv, steady, {8, 8, 4, 8, 2}},
+      {"steady.webm", kWebm, steady, std::vector<unsigned>(30, 1)},
+      {"pyramid.mkv", kMkv, pyramid, std::vector<unsigned>(30, 1)},
+      {"flat.mkv", kMkv, flat, {1, 1, 2, 1, 2, 1, 2, 1, 2, 1, 2, 1, 2, 1, 2, 1, 2, 1, 2, 1, 1}},
+      {"variable.mkv", kMkv, variable, {8, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 8, 2}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Job job(c.format, dir.path(c.name));
+    job.begin(true, false, 1200);
+    for (int v = 0; v < 30; ++v) job.addVideo(c.time(v), 1000, v % 20 == 0, vp8(100 + v * 13 % 90, v % 20 == 0, v));
+    std::vector<unsigned> frames;
+    for (const Block& b : finishAndCheck(job, c.format == kWebm).blocks()) {
       frames.push_back(b.frames);
       EXPECT_EQ(b.lacing != 0, b.frames > 1);
     }
-    EXPECT_EQ(frames, (format == kMkv ? std::vector<unsigned>{8, 8, 4, 8, 2} : std::vector<unsigned>(30, 1)));
+    EXPECT_EQ(frames, c.frames);
   }
 }
 
