@@ -35,6 +35,7 @@ struct OptimizeOptions {
   std::string input;
   std::string output;
   bool crc32 = false;
+  bool force = false;
 };
 
 int runMux(const MuxOptions& options, const std::string& programPath);
@@ -43,5 +44,31 @@ int runOptimize(const OptimizeOptions& options);
 
 // One line on standard error, the way every failure is reported.
 int fail(const std::string& message);
+
+// SIGINT and SIGTERM remove the temporary output and exit 128 + signal, unless a graceful stop is on: then the
+// first one is only recorded (stopSignal) and the second one aborts.
+void installSignalHandlers();
+void setGracefulStop(bool on);
+int stopSignal();
+
+// The input that is the same file as the output (by identity, not by name); empty when there is none.
+std::string sameFileAs(const std::string& output, const std::vector<std::string>& inputs);
+
+// A file beside the target that becomes the target only on commit; otherwise it is removed.
+class TempOutput {
+ public:
+  TempOutput() = default;
+  TempOutput(const TempOutput&) = delete;
+  TempOutput& operator=(const TempOutput&) = delete;
+  ~TempOutput();
+  // Refuses directories and targets that are not regular files; error is one line for fail().
+  bool create(const std::string& target, std::string& error);
+  const std::string& path() const { return path_; }
+  bool commit(std::string& error);
+  void discard();
+
+ private:
+  std::string target_, path_;
+};
 
 }  // namespace kapsel_cli

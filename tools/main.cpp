@@ -45,10 +45,11 @@ int main(int argc, char** argv) {
   infoCmd->add_flag("--progress", info.progress, "Print the loading progress line");
 
   OptimizeOptions opt;
-  auto* optCmd = app.add_subcommand("optimize", "Drop padding and CRC-32 elements, re-lace blocks, and save");
+  auto* optCmd = app.add_subcommand("optimize", "Drop padding and CRC-32 elements, re-lace blocks, and save (lossless)");
   optCmd->add_option("input", opt.input, "Input file")->required();
   optCmd->add_option("output", opt.output, "Output file")->required();
-  optCmd->add_flag("--crc32", opt.crc32, "Write CRC-32 elements instead of optimising");
+  optCmd->add_flag("--crc32", opt.crc32, "Write CRC-32 elements (RFC 8794 byte order) instead of optimising");
+  optCmd->add_flag("--force", opt.force, "Save a damaged input anyway, without the parts that could not be read");
 
   try {
     app.parse(argc, argv);
@@ -56,6 +57,7 @@ int main(int argc, char** argv) {
     return app.exit(e);
   }
 
+  installSignalHandlers();
   if (*muxCmd) {
     for (const auto& m : metaArgs) {
       const size_t eq = m.find('=');

@@ -14,7 +14,9 @@ extern "C" {
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -74,6 +76,7 @@ Codec audioCodecFor(AVCodecID id) {
     case AV_CODEC_ID_VORBIS: return {FourCC("KVI "), FourCC("VRBS"), "Vorbis"};
     case AV_CODEC_ID_AAC: return {FourCC("KVI "), FourCC("AAC "), "AAC"};
     case AV_CODEC_ID_MP3: return {FourCC("KVI "), FourCC("MP3 "), "MP3"};
+    case AV_CODEC_ID_AC3: return {FourCC("KVI "), FourCC("AC3 "), "AC-3"};
     case AV_CODEC_ID_PCM_S16LE:
     case AV_CODEC_ID_PCM_S24LE:
     case AV_CODEC_ID_PCM_S32LE:
@@ -124,12 +127,33 @@ std::string lower(std::string s) {
 struct Input {
   AVFormatContext* fmt = nullptr;
   AVPacket* pending = nullptr;  // the next packet of this input, read ahead for merging inputs
+  std::deque<AVPacket*> ahead;  // packets read before muxing to find the earliest time
   bool done = false;
+  int error = 0;
   ~Input() {
     av_packet_free(&pending);
+    for (AVPacket* p : ahead) av_packet_free(&p);
     avformat_close_input(&fmt);
   }
+  // The next packet from the input, nullptr at the end or on an error (kept in `error`).
+  AVPacket* read() {
+    if (done) return nullptr;
+    AVPacket* p = av_packet_alloc();
+    const int err = av_read_frame(fmt, p);
+    if (err >= 0) return p;
+    av_packet_free(&p);
+    done = true;
+    if (err != AVERROR_EOF) error = err;
+    return nullptr;
+  }
 };
+
+int interrupted(void*) { return stopSignal() != 0; }
+
+// Once muxing is stopped by a signal, the demuxers' complaints about the cut-off read are noise.
+void logUnlessStopped(void* context, int level, const char* format, va_list args) {
+  if (!stopSignal()) av_log_default_callback(context, level, format, args);
+}
 
 struct Selected {
   int input = -1;
@@ -184,6 +208,59 @@ bool outputComplete(const std::string& path) {
   return n != 0 && segSize != ~0ull && payload + segSize == fileSize;
 }
 
+constexpr AVRational kNanoseconds{1, 1000000000};
+
+// Nanoseconds to add to every time so that none of the chosen streams starts before zero (0 when none does). The
+// packets read to find out are kept for muxing; half a second past each stream's first packet covers reordering.
+int64_t startShift(std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::pair<int, int>>& chosen) {
+  int64_t earliest = 0;
+  AVRational earliestBase{1, 1};
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    Input& in = *inputs[i];
+    // Per stream: INT64_MAX before its first packet, then the end of its look-ahead, INT64_MIN once past it.
+    std::map<int, int64_t> until;
+    for (const auto& c : chosen)
+      if (c.first == static_cast<int>(i)) until[c.second] = INT64_MAX;
+    auto looking = [&] {
+      return std::any_of(until.begin(), until.end(), [](const auto& u) { return u.second != INT64_MIN; });
+    };
+    for (size_t count = 0; looking() && count < 2000; ++count) {
+      AVPacket* p = in.read();
+      if (!p) break;
+      in.ahead.push_back(p);
+      auto u = until.find(p->stream_index);
+      const int64_t t = p->pts != AV_NOPTS_VALUE ? p->pts : p->dts;
+      if (u == until.end() || t == AV_NOPTS_VALUE) continue;
+      const AVRational tb = in.fmt->streams[p->stream_index]->time_base;
+      if (av_compare_ts(t, tb, earliest, earliestBase) < 0) earliest = t, earliestBase = tb;
+      const int64_t us = av_rescale_q(t, tb, AV_TIME_BASE_Q);
+      if (u->second == INT64_MAX)
+        u->second = us + AV_TIME_BASE / 2;
+      else if (us >= u->second)
+        u->second = INT64_MIN;
+    }
+  }
+  // Rounded so that the earliest packet lands on zero or just after it, never before.
+  return -av_rescale_q_rnd(earliest, earliestBase, kNanoseconds, AV_ROUND_DOWN);
+}
+
+// One line per stream of the inputs that the output will not carry.
+void reportLeftOut(const std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::pair<int, int>>& chosen) {
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    const AVFormatContext* f = inputs[i]->fmt;
+    for (unsigned s = 0; s < f->nb_streams; ++s) {
+      if (std::find(chosen.begin(), chosen.end(), std::make_pair(static_cast<int>(i), static_cast<int>(s))) !=
+          chosen.end())
+        continue;
+      const AVCodecParameters* p = f->streams[s]->codecpar;
+      const char* kind = av_get_media_type_string(p->codec_type);
+      const AVDictionaryEntry* lang = av_dict_get(f->streams[s]->metadata, "language", nullptr, 0);
+      std::cerr << "kapsel: leaving out stream " << i << ":" << s << " (" << (kind ? kind : "unknown") << ", "
+                << avcodec_get_name(p->codec_id) << ", " << (lang ? lang->value : "und") << ")\n";
+    }
+  }
+}
+
 std::string humanBytes(double b) {
   const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
   int u = 0;
@@ -200,6 +277,9 @@ std::string humanBytes(double b) {
 
 int runMux(const MuxOptions& o, const std::string& programPath) {
   av_log_set_level(AV_LOG_ERROR);
+  av_log_set_callback(logUnlessStopped);
+  if (const std::string same = sameFileAs(o.output, o.inputs); !same.empty())
+    return fail("the output " + o.output + " is the input " + same + "; write to another file");
   // Output kind.
   bool webm = o.format == "webm";
   if (o.format.empty()) webm = lower(fs::path(o.output).extension().string()) == ".webm";
@@ -210,6 +290,9 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   std::vector<std::unique_ptr<Input>> inputs;
   for (const auto& path : o.inputs) {
     auto in = std::make_unique<Input>();
+    in->fmt = avformat_alloc_context();
+    if (!in->fmt) return fail("out of memory");
+    in->fmt->interrupt_callback = {interrupted, nullptr};
     int err = avformat_open_input(&in->fmt, path.c_str(), nullptr, nullptr);
     if (err < 0) return fail("cannot read " + path + ": " + averr(err));
     err = avformat_find_stream_info(in->fmt, nullptr);
@@ -241,6 +324,10 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   if (!o.noAudio && !pick(AVMEDIA_TYPE_AUDIO, o.audioStream, audio) && o.audioStream >= 0)
     return fail("stream " + std::to_string(o.audioStream) + " is not an audio stream");
   if (!video.st && !audio.st) return fail("no usable video or audio stream in the input");
+  std::vector<std::pair<int, int>> chosen;
+  if (video.st) chosen.emplace_back(video.input, video.stream);
+  if (audio.st) chosen.emplace_back(audio.input, audio.stream);
+  if (!o.quiet) reportLeftOut(inputs, chosen);
 
   // The plug-in.
   std::string error;
@@ -260,14 +347,14 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
 
   const std::string accepts =
       webm ? "it accepts VP8 video and Vorbis audio"
-           : "it accepts VP8, H.264 and MPEG-4 Part 2 video and Vorbis, AAC, MP3 and PCM audio";
+           : "it accepts VP8, H.264 and MPEG-4 Part 2 video and Vorbis, AAC, AC-3, MP3 and PCM audio";
   RefVideoCompressor vc;
   RefAudioCompressor ac;
   if (video.st) {
     AVCodecParameters* p = video.st->codecpar;
     video.codec = videoCodecFor(p->codec_id);
     if (!video.codec.code || !formatter->SupportsVideoCodec(video.codec.maker, video.codec.code))
-      return fail(std::string(formatName) + " cannot hold " + upperName(video.codec.name) + " video; " + accepts);
+      return fail("Kapsel cannot write " + upperName(video.codec.name) + " video into " + formatName + " yet; " + accepts);
     if (p->codec_id == AV_CODEC_ID_H264 && (p->extradata_size < 7 || p->extradata[0] != 1))
       return fail("H.264 without a decoder configuration record (Annex-B stream) is not supported; remux it into MP4 first");
     if (p->extradata && p->extradata_size > 0) video.config.assign(p->extradata, p->extradata + p->extradata_size);
@@ -284,8 +371,10 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   if (audio.st) {
     AVCodecParameters* p = audio.st->codecpar;
     audio.codec = audioCodecFor(p->codec_id);
-    if (!audio.codec.code || !formatter->SupportsAudioCodec(audio.codec.maker, audio.codec.code))
-      return fail(std::string(formatName) + " cannot hold " + upperName(audio.codec.name) + " audio; " + accepts);
+    // The plug-in writes AC-3 into Matroska although it does not list it among the codecs it supports.
+    const bool ac3 = !webm && p->codec_id == AV_CODEC_ID_AC3;
+    if (!audio.codec.code || !(ac3 || formatter->SupportsAudioCodec(audio.codec.maker, audio.codec.code)))
+      return fail("Kapsel cannot write " + upperName(audio.codec.name) + " audio into " + formatName + " yet; " + accepts);
     const char* mode = channelMode(p->ch_layout.nb_channels);
     if (!mode) return fail(std::to_string(p->ch_layout.nb_channels) + " audio channels are not supported (1, 2, 6, 7 or 8)");
     if (p->codec_id == AV_CODEC_ID_VORBIS && !vorbisHeaders(p->extradata, static_cast<size_t>(p->extradata_size), vorbis))
@@ -310,31 +399,37 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
     ac.params.displayName = audio.codec.name;
   }
 
-  // Output must be writable before anything is started.
-  {
-    const fs::path out(o.output);
-    std::error_code ec;
-    const fs::path dir = out.has_parent_path() ? out.parent_path() : fs::path(".");
-    if (!fs::is_directory(dir, ec)) return fail("cannot write " + o.output + ": no such directory");
-    if (fs::is_directory(out, ec)) return fail("cannot write " + o.output + ": it is a directory");
-  }
+  // Times are shifted alike so that none is negative; the packets read to find out are muxed later.
+  const int64_t shiftNs = startShift(inputs, chosen);
+
+  // The plug-in writes a temporary file that becomes the output only when it is complete.
+  TempOutput temp;
+  if (!temp.create(o.output, error)) return fail(error);
+  setGracefulStop(true);
 
   // Host configuration.
-  formatter->SetOutputFile(CKVString(o.output));
+  formatter->SetOutputFile(CKVString(temp.path()));
   int64_t duration = 0;
   for (auto& in : inputs)
     if (in->fmt->duration != AV_NOPTS_VALUE) duration = std::max<int64_t>(duration, in->fmt->duration);
   formatter->SetDurationHint(0, static_cast<uint64_t>(duration), AV_TIME_BASE);
   Array_c<CAceNameValuePair> meta;
   {
+    // Known names in any case become the host's names; --meta replaces the input's entry of the same name.
+    std::vector<std::pair<std::string, std::string>> entries;
+    auto put = [&](const std::string& name, const std::string& value, bool replace) {
+      auto it = metadataNames().find(lower(name));
+      const std::string host = it != metadataNames().end() ? it->second : name;
+      if (replace)
+        entries.erase(std::remove_if(entries.begin(), entries.end(), [&](const auto& e) { return e.first == host; }),
+                      entries.end());
+      entries.emplace_back(host, value);
+    };
     const AVDictionaryEntry* e = nullptr;
-    while ((e = av_dict_get(inputs[0]->fmt->metadata, "", e, AV_DICT_IGNORE_SUFFIX))) {
-      const std::string key = lower(e->key);
-      if (technicalTag(key)) continue;
-      auto it = metadataNames().find(key);
-      meta.Add(CAceNameValuePair(it != metadataNames().end() ? it->second : std::string(e->key), e->value));
-    }
-    for (const auto& m : o.meta) meta.Add(CAceNameValuePair(m.first, m.second));
+    while ((e = av_dict_get(inputs[0]->fmt->metadata, "", e, AV_DICT_IGNORE_SUFFIX)))
+      if (!technicalTag(lower(e->key))) put(e->key, e->value, false);
+    for (const auto& m : o.meta) put(m.first, m.second, true);
+    for (const auto& m : entries) meta.Add(CAceNameValuePair(m.first, m.second));
   }
   if (meta.GetCount()) formatter->SetMetaData(&meta);
   std::vector<std::unique_ptr<CAceMarker>> markers;
@@ -379,6 +474,21 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   AVPacket* pkt = av_packet_alloc();
   AVPacket* filtered = av_packet_alloc();
   int readError = 0;
+  double endSeconds = 0;  // the latest end of a packet handed over, for the interruption message
+
+  // Times go over as the input has them, or in nanoseconds when they are shifted.
+  auto timeArgs = [&](int64_t t, AVRational tb, int64_t& value, uint64_t& units) {
+    if (shiftNs == 0) {
+      value = t * tb.num;
+      units = static_cast<uint64_t>(tb.den);
+    } else {
+      value = av_rescale_q(t, tb, kNanoseconds) + shiftNs;
+      units = 1000000000;
+    }
+  };
+  auto noteEnd = [&](const AVPacket* p, int64_t t, AVRational tb) {
+    endSeconds = std::max(endSeconds, (t + std::max<int64_t>(p->duration, 0)) * av_q2d(tb) + shiftNs / 1e9);
+  };
 
   auto sendVideo = [&](AVPacket* p) {
     const int64_t pts = p->pts != AV_NOPTS_VALUE ? p->pts : (p->dts != AV_NOPTS_VALUE ? p->dts : video.lastTime);
@@ -386,8 +496,13 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
     video.lastTime = pts;
     const AVRational tb = video.st->time_base;
     const std::vector<uint8_t>* config = !video.sentConfig && !video.config.empty() ? &video.config : nullptr;
-    KVImage_t s = MakeVideoSample(p->data, static_cast<size_t>(p->size), pts * tb.num, static_cast<uint64_t>(tb.den),
-                                  (pts - dts) * tb.num, (p->flags & AV_PKT_FLAG_KEY) != 0, config);
+    int64_t value = 0, offset = 0;
+    uint64_t units = 1;
+    timeArgs(pts, tb, value, units);
+    offset = shiftNs == 0 ? (pts - dts) * tb.num : av_rescale_q(pts - dts, tb, kNanoseconds);
+    noteEnd(p, pts, tb);
+    KVImage_t s = MakeVideoSample(p->data, static_cast<size_t>(p->size), value, units, offset,
+                                  (p->flags & AV_PKT_FLAG_KEY) != 0, config);
     video.sentConfig = true;
     formatter->AddVideoSample(&s);
     ReleaseSample(s);
@@ -406,7 +521,11 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
         audio.config.assign(audio.bsf->par_out->extradata, audio.bsf->par_out->extradata + audio.bsf->par_out->extradata_size);
     }
     const std::vector<uint8_t>* config = !audio.sentConfig && !audio.config.empty() ? &audio.config : nullptr;
-    std::vector<RefAudioPacket> one{{std::vector<uint8_t>(p->data, p->data + p->size), t * tb.num, static_cast<uint64_t>(tb.den)}};
+    int64_t value = 0;
+    uint64_t units = 1;
+    timeArgs(t, tb, value, units);
+    noteEnd(p, t, tb);
+    std::vector<RefAudioPacket> one{{std::vector<uint8_t>(p->data, p->data + p->size), value, units}};
     KVAudio_t s = MakeAudioSample(one, config);
     if (config) audio.sentConfig = true;
     formatter->AddAudioSample(&s);
@@ -417,24 +536,22 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
 
   // Packets of several inputs are merged in decode-time order.
   auto fill = [&](Input& in) {
-    while (!in.done && !in.pending) {
-      AVPacket* p = av_packet_alloc();
-      const int err = av_read_frame(in.fmt, p);
-      if (err < 0) {
-        av_packet_free(&p);
-        in.done = true;
-        if (err != AVERROR_EOF) readError = err;
-        break;
-      }
-      in.pending = p;
+    if (in.pending) return;
+    if (!in.ahead.empty()) {
+      in.pending = in.ahead.front();
+      in.ahead.pop_front();
+      return;
     }
+    in.pending = in.read();
+    if (in.error) readError = in.error;
   };
   auto timeOf = [](const Input& in) {
     const AVPacket* p = in.pending;
     const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
     return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
   };
-  for (;;) {
+  // A first SIGINT or SIGTERM stops the reading; the file is finished with what was muxed.
+  while (!stopSignal()) {
     Input* next = nullptr;
     int nextIndex = -1;
     for (size_t i = 0; i < inputs.size(); ++i) {
@@ -486,9 +603,22 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   formatter->Release();
   formatter = nullptr;
 
-  if (readError) return fail("reading the input failed part-way: " + averr(readError));
-  if (video.frames + audio.frames == 0) return fail("the input holds no packets of the chosen streams");
-  if (!outputComplete(o.output)) return fail("writing " + o.output + " failed (disk full?)");
+  const int sig = stopSignal();
+  if (readError && !sig) return fail("reading the input failed part-way: " + averr(readError));
+  if (video.frames + audio.frames == 0) {
+    if (!sig) return fail("the input holds no packets of the chosen streams");
+    fail("interrupted before anything was muxed; " + o.output + " was not written");
+    return 128 + sig;
+  }
+  if (!outputComplete(temp.path())) return fail("writing " + o.output + " failed (disk full?)");
+  if (!temp.commit(error)) return fail(error);
+  if (sig) {
+    char held[64];
+    std::snprintf(held, sizeof held, "%.1f", endSeconds);
+    fail(std::string(sig == SIGINT ? "interrupted" : "terminated") + "; " + o.output + " holds the first " + held +
+         " seconds");
+    return 128 + sig;
+  }
 
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   std::error_code ec;

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -38,6 +43,15 @@ void expectSameFrames(const std::string& in, const std::string& out, int streams
   }
 }
 
+// The md5 of every decoded video frame, in presentation order.
+std::vector<std::string> decodedMd5(const std::string& file) {
+  std::vector<std::string> sums;
+  std::istringstream lines(runCommand("ffmpeg -v error -i " + shellQuote(file) + " -map 0:v -f framemd5 -").out);
+  for (std::string line; std::getline(lines, line);)
+    if (!line.empty() && line[0] != '#') sums.push_back(line.substr(line.rfind(',') + 1));
+  return sums;
+}
+
 std::vector<int64_t> ptsOf(const std::vector<ProbePacket>& packets, const std::string& type) {
   std::vector<int64_t> t;
   for (const auto& p : packets)
@@ -67,22 +81,41 @@ TEST(KapselMux, WebmFromVp8VorbisKeepsEveryFrameAndTimestamp) {
   EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
 }
 
-TEST(KapselMux, MatroskaFromH264WithBFramesAndAac) {
+TEST(KapselMux, BFramesKeepEveryTimeAndAudioPrimingShiftsAllStreamsAlike) {
   TempDir dir;
-  const std::string in = makeClip(dir, "in.mp4", "-c:v libx264 -preset veryfast -bf 2 -c:a aac");
-  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode H.264/AAC here";
-  const std::string out = dir.path("out.mkv");
-  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  expectSameFrames(in, out, 2);
-  std::string err;
-  const auto b = ffprobePackets(out, &err);
-  EXPECT_EQ(err, "");
-  // Video frames keep their presentation times (key frames are never laced).
-  const auto av = ptsOf(ffprobePackets(in), "video");
-  auto bv = ptsOf(b, "video");
-  EXPECT_EQ(av.front(), bv.front());
-  nlohmann::json j = nlohmann::json::parse(mkvmergeJson(out).out, nullptr, false);
+  for (const char* rate : {"25", "60"}) {
+    SCOPED_TRACE(std::string(rate) + " fps");
+    const std::string in = runCommand("ffmpeg -v error -y -f lavfi -i testsrc2=size=96x64:rate=" + std::string(rate) +
+                                      ":duration=3 -f lavfi -i sine=duration=3 -c:v libx264 -preset ultrafast -bf 2 "
+                                      "-c:a aac " + shellQuote(dir.path("in.mp4"))).exitCode == 0
+                               ? dir.path("in.mp4") : "";
+    if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode H.264/AAC here";
+    const std::string out = dir.path(std::string(rate) + ".mkv");
+    CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::string err;
+    const auto a = ffprobePackets(in), b = ffprobePackets(out, &err);
+    EXPECT_EQ(err, "");
+    // The AAC priming packet starts before zero: every stream moves by the same amount, as a stream copy does.
+    int64_t earliest = 0;
+    for (const auto& p : a) earliest = std::min(earliest, p.ptsMs);
+    ASSERT_LT(earliest, 0);
+    for (const char* type : {"video", "audio"}) {
+      std::vector<int64_t> want, got;
+      for (const auto& p : a)
+        if (p.codecType == type) want.push_back(p.ptsMs - earliest);
+      for (const auto& p : b)
+        if (p.codecType == type) got.push_back(p.ptsMs);
+      ASSERT_EQ(got.size(), want.size()) << type;
+      for (size_t i = 0; i < want.size(); ++i) {
+        EXPECT_NEAR(got[i], want[i], 1) << type << " packet " << i;
+        EXPECT_GE(got[i], 0) << type << " packet " << i;
+      }
+    }
+    expectSameFrames(in, out, 2);
+    EXPECT_EQ(decodedMd5(in), decodedMd5(out));
+  }
+  nlohmann::json j = nlohmann::json::parse(mkvmergeJson(dir.path("25.mkv")).out, nullptr, false);
   ASSERT_FALSE(j.is_discarded());
   EXPECT_EQ(j["tracks"][0]["codec"], "AVC/H.264/MPEG-4p10");
 }
@@ -95,7 +128,8 @@ TEST(KapselMux, OtherCodecsIntoMatroska) {
     int streams;
   } cases[] = {{"asp.avi", "-c:v mpeg4 -c:a libmp3lame", 2},
                {"pcm.wav", "-map 1:a -c:a pcm_s16le", 1},
-               {"adts.aac", "-map 1:a -c:a aac", 1}};
+               {"adts.aac", "-map 1:a -c:a aac", 1},
+               {"ac3.mka", "-map 1:a -c:a ac3", 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string in = makeClip(dir, c.name, c.args);
@@ -124,7 +158,8 @@ TEST(KapselMux, ChaptersAndMetadataReachTheFile) {
                                   2.0, "-i " + shellQuote(dir.path("meta.txt")));
   if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
   const std::string out = dir.path("out.mkv");
-  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out) + " --meta Genre=Test --chapter 1.25=Extra");
+  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out) +
+                           " --meta Genre=Test --meta title='Given title' --chapter 1.25=Extra");
   ASSERT_EQ(r.exitCode, 0) << r.err;
   CommandResult probe = runCommand("ffprobe -v error -show_chapters -show_format -of json " + shellQuote(out));
   nlohmann::json j = nlohmann::json::parse(probe.out, nullptr, false);
@@ -136,9 +171,15 @@ TEST(KapselMux, ChaptersAndMetadataReachTheFile) {
   EXPECT_EQ(chapters[1]["start_time"], "0.500000");
   EXPECT_EQ(chapters[2]["tags"]["title"], "Extra");
   const auto& tags = j["format"]["tags"];
-  EXPECT_EQ(tags["TITLE"], "Clip title");
+  EXPECT_EQ(tags["TITLE"], "Given title") << "--meta replaces the input's title";
   EXPECT_EQ(tags["ARTIST"], "Someone");
   EXPECT_EQ(tags["GENRE"], "Test");
+  // The container title is SegmentInfo's Title, from the input's title when --meta gives none.
+  for (const char* meta : {"--meta title='Given title'", ""}) {
+    ASSERT_EQ(kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out) + " " + meta).exitCode, 0);
+    nlohmann::json m = nlohmann::json::parse(mkvmergeJson(out).out, nullptr, false);
+    EXPECT_EQ(m["container"]["properties"]["title"], *meta ? "Given title" : "Clip title");
+  }
 }
 
 TEST(KapselMux, RefusalsAndFailuresSayOneLineAndExitNonZero) {
@@ -157,7 +198,7 @@ TEST(KapselMux, RefusalsAndFailuresSayOneLineAndExitNonZero) {
   if (!opus.empty()) {
     CommandResult r = kapsel("mux -q " + shellQuote(opus) + " -o " + shellQuote(dir.path("x.webm")));
     oneLine(r);
-    EXPECT_NE(r.err.find("OPUS"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Kapsel cannot write OPUS audio into WebM yet"), std::string::npos) << r.err;
     EXPECT_FALSE(std::ifstream(dir.path("x.webm")).good()) << "nothing may be written";
   }
   oneLine(kapsel("mux -q " + shellQuote(dir.path("missing.mp4")) + " -o " + shellQuote(dir.path("y.mkv"))));
@@ -169,6 +210,112 @@ TEST(KapselMux, RefusalsAndFailuresSayOneLineAndExitNonZero) {
   oneLine(kapsel("mux -q " + shellQuote(vp8) + " -o /nonexistent-dir/out.webm"));
   oneLine(kapsel("mux -q " + shellQuote(vp8) + " -o /dev/full"));
   oneLine(kapsel("info " + shellQuote(dir.path("junk.mkv"))));
+}
+
+TEST(KapselMux, StreamsLeftOutAreNamedUnlessQuiet) {
+  TempDir dir;
+  writeFile(dir.path("s.srt"), {'1', '\n', '0', '0', ':', '0', '0', ':', '0', '0', ',', '0', '0', '0', ' ', '-', '-', '>', ' ',
+                                '0', '0', ':', '0', '0', ':', '0', '0', ',', '5', '0', '0', '\n', 'H', 'i', '\n'});
+  writeFile(dir.path("f.ttf"), {'f', 'o', 'n', 't'});
+  const std::string in = makeClip(dir, "many.mkv",
+                                  "-map 0:v -map 1:a -map 1:a -map 2:s -c:v mpeg4 -c:a:0 aac -c:a:1 libmp3lame "
+                                  "-metadata:s:a:1 language=fre -c:s srt -attach " + shellQuote(dir.path("f.ttf")) +
+                                  " -metadata:s:t mimetype=application/x-truetype-font", 1.0,
+                                  "-i " + shellQuote(dir.path("s.srt")));
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot make the input here";
+  for (const char* quiet : {"", "-q "}) {
+    CommandResult r = kapsel(std::string("mux ") + quiet + "--audio-stream 1 " + shellQuote(in) + " -o " +
+                             shellQuote(dir.path("out.mkv")));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::string lines;
+    std::istringstream err(r.err);
+    for (std::string line; std::getline(err, line);)
+      if (line.find("leaving out") != std::string::npos) lines += line + "\n";
+    EXPECT_EQ(lines, *quiet ? "" : "kapsel: leaving out stream 0:2 (audio, mp3, fre)\n"
+                                   "kapsel: leaving out stream 0:3 (subtitle, subrip, und)\n"
+                                   "kapsel: leaving out stream 0:4 (attachment, ttf, und)\n");
+  }
+}
+
+// Files in the directory that look like a left-over temporary output.
+std::string leftovers(const TempDir& dir) { return runCommand("ls -A " + shellQuote(dir.path()) + " | grep kapsel-").out; }
+
+TEST(KapselOutput, FailuresLeaveTheTargetAsItWasAndNoTemporaryFile) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  const std::string target = dir.path("target.mkv"), k = shellQuote(kProgram) + " ";
+  const std::string unwritable = geteuid() == 0 ? "/proc/kapsel-target.mkv" : dir.path("ro/target.mkv");
+  runCommand("mkdir " + shellQuote(dir.path("ro")) + " && chmod 555 " + shellQuote(dir.path("ro")));
+  const std::string q = shellQuote(in), t = shellQuote(target);
+  struct Case {
+    std::string command, target, message;
+  } cases[] = {
+      {k + "mux -q " + q + " -o " + q, in, "is the input"},
+      {"cd " + shellQuote(dir.path()) + " && " + k + "mux -q in.webm -o ./in.webm", in, "is the input"},
+      {k + "mux -q " + t + " " + q + " -o " + q, in, "is the input"},
+      {"cd " + shellQuote(dir.path()) + " && " + k + "optimize in.webm ./in.webm", in, "is the input"},
+      {k + "mux -q " + q + " -o /dev/full", "/dev/full", "not a regular file"},
+      {k + "mux -q " + q + " -o " + shellQuote(unwritable), unwritable, "cannot write"},
+      // A file-size limit stands in for a full disk.
+      {"ulimit -f 40 && " + k + "mux -q " + q + " -o " + t, target, "failed (disk full?)"},
+      {"ulimit -f 40 && " + k + "optimize " + q + " " + t, target, "failed (disk full?)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    writeFile(target, {'o', 'l', 'd'});
+    // Only regular files are compared: reading /dev/full never ends.
+    const bool regular = std::filesystem::is_regular_file(c.target);
+    const auto before = regular ? readFile(c.target) : std::vector<unsigned char>{};
+    CommandResult r = runCommand(c.command);
+    EXPECT_EQ(r.exitCode, 1);
+    std::string err = r.err;
+    while (!err.empty() && err.back() == '\n') err.pop_back();
+    const std::string last = err.substr(err.rfind('\n') == std::string::npos ? 0 : err.rfind('\n') + 1);
+    EXPECT_EQ(last.rfind("kapsel: ", 0), 0u) << r.err;
+    EXPECT_NE(last.find(c.message), std::string::npos) << r.err;
+    if (regular) EXPECT_EQ(readFile(c.target), before);
+    EXPECT_EQ(leftovers(dir), "");
+  }
+}
+
+TEST(KapselOutput, SignalsFinishTheFileWithWhatWasMuxed) {
+  TempDir dir;
+  if (runCommand("ffmpeg -v error -f lavfi -i testsrc=duration=0.1 -c:v mpeg4 -f null -").exitCode)
+    GTEST_SKIP() << "ffmpeg cannot encode MPEG-4 here";
+  for (const auto& [signal, status] : {std::pair<const char*, int>{"INT", 130}, {"TERM", 143}}) {
+    SCOPED_TRACE(signal);
+    const std::string out = dir.path("out.mkv");
+    // Ten minutes of input produced in real time: the program is still muxing when the signal comes.
+    const std::string script =
+        "ffmpeg -v error -re -f lavfi -i testsrc=size=64x64:rate=25:duration=600 -f lavfi -i sine=duration=600 "
+        "-c:v mpeg4 -c:a aac -f matroska pipe:1 2>/dev/null | " + shellQuote(kProgram) + " mux -q pipe:0 -o " +
+        shellQuote(out) + " & pid=$!\n"
+        "for i in $(seq 100); do ls -A " + shellQuote(dir.path()) + " | grep -q kapsel- && break; sleep 0.1; done\n"
+        "sleep 2; kill -" + signal + " $pid; wait $pid; echo $?\n";
+    CommandResult r = runCommand(script);
+    EXPECT_EQ(std::atoi(r.out.c_str()), status) << r.err;
+    EXPECT_EQ(leftovers(dir), "");
+    const size_t at = r.err.find("holds the first ");
+    ASSERT_NE(at, std::string::npos) << r.err;
+    const double held = std::atof(r.err.c_str() + at + 16);
+    // Duration and index are true to what was written.
+    CommandResult probe = runCommand("ffprobe -v error -show_entries format=duration:packet=pts_time,duration_time "
+                                     "-of json " + shellQuote(out));
+    nlohmann::json j = nlohmann::json::parse(probe.out, nullptr, false);
+    ASSERT_FALSE(j.is_discarded()) << probe.err;
+    EXPECT_EQ(probe.err, "");
+    double end = 0;
+    for (const auto& p : j["packets"])
+      end = std::max(end, std::stod(p.value("pts_time", "0")) + std::stod(p.value("duration_time", "0")));
+    const double duration = std::stod(j["format"].value("duration", "0"));
+    EXPECT_GT(end, 1.0);
+    EXPECT_NEAR(duration, end, 0.002);
+    EXPECT_NEAR(held, end, 0.06);
+    EXPECT_NE(mkvinfo(out).out.find("+ Cues"), std::string::npos);
+    EXPECT_EQ(runCommand("ffmpeg -v error -ss " + std::to_string(end / 2) + " -i " + shellQuote(out) +
+                         " -frames:v 1 -f null -").exitCode, 0);
+  }
 }
 
 TEST(KapselInfo, ReadsFilesOfOtherMuxersAndItsJsonParses) {
