@@ -6,6 +6,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <nlohmann/json.hpp>
@@ -343,7 +346,78 @@ TEST(KapselInfo, ReadsFilesOfOtherMuxersAndItsJsonParses) {
   }
 }
 
-TEST(KapselOptimize, OutputKeepsEveryFrame) {
+// CRC-32 (IEEE, reflected) computed bit by bit, independently of the library.
+uint32_t crc32Of(const unsigned char* p, size_t n) {
+  uint32_t c = 0xFFFFFFFFu;
+  for (size_t i = 0; i < n; ++i) {
+    c ^= p[i];
+    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1)));
+  }
+  return ~c;
+}
+
+TEST(KapselOptimize, LosslessOrRefusedWhenDamaged) {
+  TempDir dir;
+  const std::string in = makeClip(dir, "in.mkv", "-c:v libvpx -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  nlohmann::json tree = nlohmann::json::parse(kapsel("info --json --depth 1 " + shellQuote(in)).out, nullptr, false);
+  ASSERT_FALSE(tree.is_discarded());
+  std::map<std::string, std::pair<uint64_t, uint64_t>> at;  // first element of each name: position, size
+  for (const auto& e : tree["elements"][1]["children"])
+    at.emplace(e["name"].get<std::string>(), std::make_pair(e["position"].get<uint64_t>(), e["size"].get<uint64_t>()));
+  ASSERT_TRUE(at.count("Void") && at.count("Tags") && at.count("Cluster"));
+  ASSERT_LT(at["Tags"].first, at["Cluster"].first);
+  const auto original = readFile(in);
+  // The Void becomes an element no table knows (ID 0x7ABC), of the same length.
+  const auto [voidAt, voidSize] = at["Void"];
+  ASSERT_TRUE(voidSize >= 4 && voidSize <= 129);
+  std::vector<unsigned char> unknown{0x7A, 0xBC, static_cast<unsigned char>(0x80 | (voidSize - 3))};
+  for (uint64_t i = 3; i < voidSize; ++i) unknown.push_back(static_cast<unsigned char>('a' + i % 26));
+  auto withUnknown = original;
+  std::copy(unknown.begin(), unknown.end(), withUnknown.begin() + static_cast<long>(voidAt));
+  // Tags overwritten with 0xFF: unreadable up to the Cluster after them.
+  auto badTags = original;
+  std::fill_n(badTags.begin() + static_cast<long>(at["Tags"].first), at["Tags"].second, 0xFF);
+  const std::string tagsDamage =
+      "bytes " + std::to_string(at["Tags"].first) + "-" + std::to_string(at["Cluster"].first);
+  const std::vector<unsigned char> cut(original.begin(), original.begin() + static_cast<long>(original.size() * 2 / 3));
+  const std::string cutDamage = "(past the end of the file at " + std::to_string(cut.size()) + ")";
+  struct Case {
+    const char* name;
+    const std::vector<unsigned char>& bytes;
+    const char* options;
+    int status;
+    std::string said;  // in the last line of standard error on failure, on standard output otherwise
+  } cases[] = {
+      {"unknown", withUnknown, "", 0, "bytes"},
+      {"tags", badTags, "", 1, tagsDamage + " could not be read; --force"},
+      {"tags", badTags, "--force", 0, "dropped the damaged " + tagsDamage},
+      {"cut", cut, "", 1, cutDamage},
+      {"cut", cut, "--force", 0, cutDamage},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + " " + c.options);
+    const std::string src = dir.path(std::string(c.name) + ".mkv"), out = dir.path("out.mkv");
+    writeFile(src, c.bytes);
+    std::remove(out.c_str());
+    CommandResult r = kapsel(std::string("optimize ") + c.options + " " + shellQuote(src) + " " + shellQuote(out));
+    EXPECT_EQ(r.exitCode, c.status) << r.err;
+    EXPECT_NE((c.status ? r.err : r.out).find(c.said), std::string::npos) << r.out << r.err;
+    EXPECT_EQ(leftovers(dir), "");
+    if (c.status) {
+      EXPECT_FALSE(std::filesystem::exists(out));
+      continue;
+    }
+    EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
+    if (c.bytes.size() == original.size()) expectSameFrames(in, out, 2);
+    if (&c.bytes == &withUnknown) {
+      const auto o = readFile(out);
+      EXPECT_NE(std::search(o.begin(), o.end(), unknown.begin(), unknown.end()), o.end()) << "unknown element kept";
+    }
+  }
+}
+
+TEST(KapselOptimize, Crc32InRfc8794Order) {
   TempDir dir;
   const std::string in = makeClip(dir, "in.mkv", "-c:v libvpx -c:a libvorbis");
   if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
@@ -355,6 +429,22 @@ TEST(KapselOptimize, OutputKeepsEveryFrame) {
   r = kapsel("optimize --crc32 " + shellQuote(opt) + " " + shellQuote(crc));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   expectSameFrames(in, crc, 2);
+  // SegmentInfo starts with its CRC-32 element: least significant byte first over the rest of the payload.
+  const auto b = readFile(crc);
+  nlohmann::json tree = nlohmann::json::parse(kapsel("info --json --depth 1 " + shellQuote(crc)).out, nullptr, false);
+  ASSERT_FALSE(tree.is_discarded());
+  size_t pos = 0, len = 1;
+  for (const auto& e : tree["elements"][1]["children"])
+    if (e["name"] == "SegInfo") pos = e["position"].get<size_t>() + 4;
+  ASSERT_GT(pos, 4u);
+  while (!(b[pos] & (0x80 >> (len - 1)))) ++len;
+  uint64_t size = b[pos] & (0xFF >> len);
+  for (size_t i = 1; i < len; ++i) size = size << 8 | b[pos + i];
+  pos += len;
+  ASSERT_EQ(b[pos], 0xBF);
+  ASSERT_EQ(b[pos + 1], 0x84);
+  const uint32_t stored = b[pos + 2] | b[pos + 3] << 8 | b[pos + 4] << 16 | static_cast<uint32_t>(b[pos + 5]) << 24;
+  EXPECT_EQ(stored, crc32Of(&b[pos + 6], size - 6));
   CommandResult info = kapsel("info --depth 1 " + shellQuote(crc));
   EXPECT_NE(info.out.find("CRC-32 ok"), std::string::npos);
   EXPECT_EQ(info.out.find("MISMATCH"), std::string::npos);
