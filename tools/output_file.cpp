@@ -56,9 +56,11 @@ std::string sameFileAs(const std::string& output, const std::vector<std::string>
 TempOutput::~TempOutput() { discard(); }
 
 bool TempOutput::create(const std::string& target, std::string& error) {
-  target_ = target;
-  const fs::path out(target);
+  fs::path out(target);
   std::error_code ec;
+  // Through a symbolic link the file it names is replaced, not the link.
+  if (fs::is_symlink(fs::symlink_status(out, ec)) && fs::exists(out, ec)) out = fs::canonical(out, ec);
+  target_ = out.string();
   const fs::file_status status = fs::status(out, ec);
   if (fs::is_directory(status)) return error = "cannot write " + target + ": it is a directory", false;
   // Renaming onto a device or a pipe would replace it with a plain file.
