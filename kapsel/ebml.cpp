@@ -231,17 +231,20 @@ uint64_t loadEbmlId(IStorage& storage) {
 
 namespace {
 
-// Seeded once per process from the wall clock, a high-resolution clock and the process id, so that
-// files made in the same second differ; the lock makes first use and every draw thread-safe.
+// Seeded once per process (again in a forked child) from the wall clock, a high-resolution clock and the
+// process id, so that files made in the same second differ; the lock makes every draw thread-safe.
 std::mt19937_64& uidGenerator(std::unique_lock<std::mutex>& lock) {
   static std::mutex mutex;
+  static std::mt19937_64 generator;
+  static pid_t seededFor = 0;
   lock = std::unique_lock<std::mutex>(mutex);
-  static std::mt19937_64 generator([] {
+  if (seededFor != ::getpid()) {
+    seededFor = ::getpid();
     const auto now = std::chrono::high_resolution_clock::now().time_since_epoch().count();
     std::seed_seq seq{static_cast<uint64_t>(std::time(nullptr)), static_cast<uint64_t>(now),
-                      static_cast<uint64_t>(::getpid()), static_cast<uint64_t>(std::random_device{}())};
-    return std::mt19937_64(seq);
-  }());
+                      static_cast<uint64_t>(seededFor), static_cast<uint64_t>(std::random_device{}())};
+    generator.seed(seq);
+  }
   return generator;
 }
 

@@ -48,7 +48,7 @@ thread_local LoadContext t_load;
 // Charges an element object against the budget; an unscoped outermost load sets its own.
 bool chargeLoad(const IElement& element, FileStorage& storage) {
   if (!t_load.scoped && t_load.depth == 0) t_load.budget = LoadScope::budgetFor(storage.file().size());
-  const uint64_t cost = element.memoryFootprint() + 64;  // and a receipt or two
+  const uint64_t cost = element.memoryFootprint() + 512;  // and the receipts of its bytes
   if (t_load.budget < cost) return false;
   t_load.budget -= cost;
   return true;
@@ -90,7 +90,7 @@ LoadScope::~LoadScope() { t_load = saved_->context; }
 
 uint64_t LoadScope::budgetFor(uint64_t inputSize) {
   const uint64_t fixed = 64ull << 20;
-  const uint64_t perByte = 16;
+  const uint64_t perByte = 32;
   return inputSize > (~0ull - fixed) / perByte ? ~0ull : fixed + perByte * inputSize;
 }
 
@@ -362,13 +362,13 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
   if (unknown && !getPayload().isComposite()) return 0;
   if (!chargeLoad(*this, storage)) return 0;
   // A size running past its parent or the file is cut to what is there; an open one too.
-  const uint64_t claimed = size;
-  size = std::min(size, bytesToRead - headerBytes);
-  size = std::min(size, remainingInFile(storage));
-  if (!unknown && size < claimed) {
-    const uint64_t payloadStart = file.absolutePosition();
-    LoadScope::noteDamage(payloadStart + size, claimed > ~0ull - payloadStart ? ~0ull : payloadStart + claimed);
-  }
+  const uint64_t payloadStart = file.absolutePosition();
+  const uint64_t inParent = bytesToRead - headerBytes, inFile = remainingInFile(storage);
+  if (!unknown && size > inFile && inFile <= inParent)
+    LoadScope::noteDamage(payloadStart + inFile, size > ~0ull - payloadStart ? ~0ull : payloadStart + size);
+  else if (!unknown && size > inParent)
+    LoadScope::noteDamage(start->position(), payloadStart + inParent);  // the element overruns its parent
+  size = std::min({size, inParent, inFile});
   guard.doNotRestore();
   receipt_ = start;
   receipt_->add(headerBytes);
@@ -429,7 +429,9 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
     if (pass == 0) break;
   }
   if (consumed < size && !unknown) {
-    file.seek(static_cast<int64_t>(size - consumed), File::kRelativeToCurrent);
+    // What the payload could not read is passed over, and noted as damage.
+    LoadScope::noteDamage(payloadStart + consumed, payloadStart + size);
+    file.seek(static_cast<int64_t>(payloadStart + size), File::kAbsolutePosition);
     consumed = size;
   }
   receipt_->add(consumed);
