@@ -13,7 +13,7 @@ class FileStorage;
 
 class HodgePodge {
  public:
-  using Receipts = std::deque<ReceiptPtr>;
+  using Receipts = std::vector<ReceiptPtr>;
 
   void add(const ReceiptPtr& receipt) { receipts_.push_back(receipt); }
   void add(const unsigned char* data, unsigned long numBytes, IStorage& storage);
