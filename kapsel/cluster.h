@@ -58,6 +58,8 @@ class CueTrkPos : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0xF7, "Track");
   KAPSEL_ELT_NAME(0xF1, "ClusterPosition");
+  KAPSEL_ELT_NAME(0xF0, "CueRelativePosition");
+  KAPSEL_ELT_NAME(0xB2, "CueDuration");
   KAPSEL_ELT_NAME(0x5378, "CueBlockNumber");
   KAPSEL_ELT_NAME(0xEA, "CueCodecState");
   KAPSEL_ELT_NAME(0xDB, "CueReference");
@@ -67,10 +69,13 @@ class CueTrkPos : public EbmlMaster {
   }
   TElt<VUInt, 0xF7, EltName0xF7> track_;
   TElt<VEltPosition, 0xF1, EltName0xF1> clusterPosition_;
+  // Kept as read: it stays right only while the cluster is written back with the same layout.
+  TElt<VUInt, 0xF0, EltName0xF0> relativePosition_;
+  TElt<VUInt, 0xB2, EltName0xB2> duration_;
   TElt<VUInt, 0x5378, EltName0x5378> blockNumber_;
   TElt<VEltPosition, 0xEA, EltName0xEA> codecState_;
   TEltList<TElt<CueRef, 0xDB, EltName0xDB>> references_;
-  KAPSEL_CHILDREN(track_, clusterPosition_, blockNumber_, codecState_, references_);
+  KAPSEL_CHILDREN(track_, clusterPosition_, relativePosition_, duration_, blockNumber_, codecState_, references_);
 };
 
 class CuePoint : public EbmlMaster {
