@@ -13,6 +13,7 @@ ChapAtom::ChapAtom() {
 SimpleTag::SimpleTag() {
   language_->init("und");
   default_->init(1);
+  defaultBogus_->init(1);
 }
 
 // Readers expect every Tag to say what it targets, even when that is the whole segment.

@@ -17,12 +17,14 @@ class ChapDisp : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0x85, "ChapString");
   KAPSEL_ELT_NAME(0x437C, "ChapLanguage");
+  KAPSEL_ELT_NAME(0x437D, "ChapLanguageBCP47");
   KAPSEL_ELT_NAME(0x437E, "ChapCountry");
   ChapDisp();
   TElt<VString, 0x85, EltName0x85> string_;
   TElt<VString, 0x437C, EltName0x437C> language_;
+  TEltList<TElt<VString, 0x437D, EltName0x437D>> languagesBcp47_;
   TElt<VString, 0x437E, EltName0x437E> country_;
-  KAPSEL_CHILDREN(string_, language_, country_);
+  KAPSEL_CHILDREN(string_, language_, languagesBcp47_, country_);
 };
 
 class ChapProcCmd : public EbmlMaster {
@@ -48,11 +50,13 @@ class ChapProc : public EbmlMaster {
 class ChapAtom : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0x73C4, "ChapterUID");
+  KAPSEL_ELT_NAME(0x5654, "ChapterStringUID");
   KAPSEL_ELT_NAME(0x91, "ChapterTimeStart");
   KAPSEL_ELT_NAME(0x92, "ChapterTimeEnd");
   KAPSEL_ELT_NAME(0x98, "ChapterFlagHidden");
   KAPSEL_ELT_NAME(0x4598, "ChapterFlagEnabled");
   KAPSEL_ELT_NAME(0x6E67, "ChapterSegmentUID");
+  KAPSEL_ELT_NAME(0x4588, "ChapterSkipType");
   KAPSEL_ELT_NAME(0x6EBC, "ChapSegmentEditionUID");
   KAPSEL_ELT_NAME(0x63C3, "ChapterPhysicalEquiv");
   KAPSEL_ELT_NAME(0x8F, "ChapterTracks");
@@ -61,19 +65,30 @@ class ChapAtom : public EbmlMaster {
   KAPSEL_ELT_NAME(0xB6, "SubChapterAtom");
   ChapAtom();
   TElt<VUInt, 0x73C4, EltName0x73C4> uid_;
+  TElt<VString, 0x5654, EltName0x5654> stringUid_;
   TElt<VUInt, 0x91, EltName0x91> timeStart_;
   TElt<VUInt, 0x92, EltName0x92> timeEnd_;
   TElt<VUInt, 0x98, EltName0x98> flagHidden_;
   TElt<VUInt, 0x4598, EltName0x4598> flagEnabled_;
   TElt<VBinary, 0x6E67, EltName0x6E67> segmentUid_;
+  TElt<VUInt, 0x4588, EltName0x4588> skipType_;
   TElt<VUInt, 0x6EBC, EltName0x6EBC> segmentEditionUid_;
   TElt<VUInt, 0x63C3, EltName0x63C3> physicalEquiv_;
   TElt<ChapTrk, 0x8F, EltName0x8F> tracks_;
   TEltList<TElt<ChapDisp, 0x80, EltName0x80>> displays_;
   TEltList<TElt<ChapProc, 0x6944, EltName0x6944>> processes_;
   TEltList<TElt<ChapAtom, 0xB6, EltName0xB6>> atoms_;
-  KAPSEL_CHILDREN(uid_, timeStart_, timeEnd_, flagHidden_, flagEnabled_, segmentUid_, segmentEditionUid_,
-                  physicalEquiv_, tracks_, displays_, processes_, atoms_);
+  KAPSEL_CHILDREN(uid_, stringUid_, timeStart_, timeEnd_, flagHidden_, flagEnabled_, segmentUid_, skipType_,
+                  segmentEditionUid_, physicalEquiv_, tracks_, displays_, processes_, atoms_);
+};
+
+class EditionDisplay : public EbmlMaster {
+ public:
+  KAPSEL_ELT_NAME(0x4521, "EditionString");
+  KAPSEL_ELT_NAME(0x45E4, "EditionLanguageIETF");
+  TElt<VString, 0x4521, EltName0x4521> string_;
+  TEltList<TElt<VString, 0x45E4, EltName0x45E4>> languages_;
+  KAPSEL_CHILDREN(string_, languages_);
 };
 
 class Edition : public EbmlMaster {
@@ -82,13 +97,15 @@ class Edition : public EbmlMaster {
   KAPSEL_ELT_NAME(0x45BD, "EditionFlagHidden");
   KAPSEL_ELT_NAME(0x45DB, "EditionFlagDefault");
   KAPSEL_ELT_NAME(0x45DD, "EditionFlagOrdered");
+  KAPSEL_ELT_NAME(0x4520, "EditionDisplay");
   KAPSEL_ELT_NAME(0xB6, "ChapterAtom");
   TElt<VUInt, 0x45BC, EltName0x45BC> uid_;
   TElt<VUInt, 0x45BD, EltName0x45BD> flagHidden_;
   TElt<VUInt, 0x45DB, EltName0x45DB> flagDefault_;
   TElt<VUInt, 0x45DD, EltName0x45DD> flagOrdered_;
+  TEltList<TElt<EditionDisplay, 0x4520, EltName0x4520>> displays_;
   TEltList<TElt<ChapAtom, 0xB6, EltName0xB6>> atoms_;
-  KAPSEL_CHILDREN(uid_, flagHidden_, flagDefault_, flagOrdered_, atoms_);
+  KAPSEL_CHILDREN(uid_, flagHidden_, flagDefault_, flagOrdered_, displays_, atoms_);
 };
 
 class Chapters : public EbmlMaster {
@@ -120,16 +137,23 @@ class SimpleTag : public EbmlMaster {
  public:
   KAPSEL_ELT_NAME(0x45A3, "TagName");
   KAPSEL_ELT_NAME(0x447A, "TagLanguage");
+  KAPSEL_ELT_NAME(0x447B, "TagLanguageBCP47");
   KAPSEL_ELT_NAME(0x4484, "TagDefault");
+  KAPSEL_ELT_NAME(0x44B4, "TagDefaultBogus");
   KAPSEL_ELT_NAME(0x4487, "TagString");
   KAPSEL_ELT_NAME(0x4485, "TagBinary");
+  KAPSEL_ELT_NAME(0x67C8, "SimpleTag");
   SimpleTag();
   TElt<VString, 0x45A3, EltName0x45A3> name_;
   TElt<VString, 0x447A, EltName0x447A> language_;
+  TElt<VString, 0x447B, EltName0x447B> languageBcp47_;
   TElt<VUInt, 0x4484, EltName0x4484> default_;
+  TElt<VUInt, 0x44B4, EltName0x44B4> defaultBogus_;
   TElt<VString, 0x4487, EltName0x4487> string_;
   TElt<VBinary, 0x4485, EltName0x4485> binary_;
-  KAPSEL_CHILDREN(name_, language_, default_, string_, binary_);
+  // Tags nest: a value can carry details of its own.
+  TEltList<TElt<SimpleTag, 0x67C8, EltName0x67C8>> simpleTags_;
+  KAPSEL_CHILDREN(name_, language_, languageBcp47_, default_, defaultBogus_, string_, binary_, simpleTags_);
 };
 
 class Tag : public EbmlMaster {
@@ -157,13 +181,17 @@ class AttdFile : public EbmlMaster {
   KAPSEL_ELT_NAME(0x465C, "FileData");
   KAPSEL_ELT_NAME(0x46AE, "FileUID");
   KAPSEL_ELT_NAME(0x4675, "FileReferral");
+  KAPSEL_ELT_NAME(0x4661, "FileUsedStartTime");
+  KAPSEL_ELT_NAME(0x4662, "FileUsedEndTime");
   TElt<VString, 0x467E, EltName0x467E> description_;
   TElt<VString, 0x466E, EltName0x466E> name_;
   TElt<VString, 0x4660, EltName0x4660> mimeType_;
   TElt<VBinary, 0x465C, EltName0x465C> data_;
   TElt<VUInt, 0x46AE, EltName0x46AE> uid_;
   TElt<VBinary, 0x4675, EltName0x4675> referral_;
-  KAPSEL_CHILDREN(description_, name_, mimeType_, data_, uid_, referral_);
+  TElt<VUInt, 0x4661, EltName0x4661> usedStartTime_;
+  TElt<VUInt, 0x4662, EltName0x4662> usedEndTime_;
+  KAPSEL_CHILDREN(description_, name_, mimeType_, data_, uid_, referral_, usedStartTime_, usedEndTime_);
 };
 
 class Attachments : public EbmlMaster {
