@@ -3,14 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "tools/cli_support.h"
 #include "tools/commands.h"
 
-namespace kapsel_cli {
-int fail(const std::string& message) {
-  std::cerr << "kapsel: " << message << "\n";
-  return 1;
-}
-}  // namespace kapsel_cli
 
 using namespace kapsel_cli;
 
