@@ -20,6 +20,8 @@ struct MuxOptions {
   std::vector<std::pair<double, std::string>> chapters;
   unsigned keyframeInterval = 0;
   bool quiet = false;
+  bool verbose = false;   // also the formatter module's own summary lines
+  std::string progress;   // for progressMode()
 };
 
 struct InfoOptions {

@@ -1,6 +1,7 @@
 // kapsel: mux media into Matroska/WebM through the formatter plug-in, inspect and optimise files.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 
 #include "tools/cli_support.h"
@@ -8,6 +9,45 @@
 
 
 using namespace kapsel_cli;
+
+namespace {
+
+// -1 when the command line is good; otherwise the exit status, after help, the version or one line on what is wrong.
+int parseCommandLine(CLI::App& app, int argc, char** argv) {
+  // The first word that is not an option names the command.
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (!word.empty() && word[0] == '-') continue;
+    const auto known = app.get_subcommands([&](CLI::App* c) { return c->check_name(word); });
+    if (known.empty()) return usageError("unknown command '" + word + "'");
+    break;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::string message = e.what();
+    std::replace(message.begin(), message.end(), '\n', ' ');
+    while (!message.empty() && message.back() == ' ') message.pop_back();
+    std::string command = "kapsel";
+    for (const auto* c : app.get_subcommands()) command += " " + c->get_name();
+    note(message + " (see " + command + " --help)");
+    return kExitUsage;
+  }
+  return -1;
+}
+
+// Each occurrence of a repeatable option takes exactly one value, so that "--meta A=B input" leaves the input alone.
+CLI::Option* repeatable(CLI::Option* option) {
+  return option->expected(1)->allow_extra_args(false)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{"kapsel - write, inspect and optimise Matroska and WebM files"};
@@ -17,7 +57,8 @@ int main(int argc, char** argv) {
   MuxOptions mux;
   std::vector<std::string> metaArgs, chapterArgs;
   auto* muxCmd = app.add_subcommand("mux", "Write the best video and audio streams of the inputs into one file");
-  muxCmd->add_option("inputs", mux.inputs, "Input media files (anything libavformat opens)")->required();
+  muxCmd->add_option("inputs", mux.inputs, "Input media files (anything libavformat opens; - reads standard input)")
+      ->required();
   muxCmd->add_option("-o,--output", mux.output, "Output file (.webm gives WebM, anything else Matroska)")->required();
   muxCmd->add_option("--format", mux.format, "Output kind regardless of the extension")->check(CLI::IsMember({"mkv", "webm"}));
   muxCmd->add_option("--plugin", mux.plugin, "Formatter module to load");
@@ -25,10 +66,12 @@ int main(int argc, char** argv) {
   muxCmd->add_flag("--no-audio", mux.noAudio, "Leave audio out");
   muxCmd->add_option("--video-stream", mux.videoStream, "Index of the video stream (in the first input that has it)");
   muxCmd->add_option("--audio-stream", mux.audioStream, "Index of the audio stream (in the first input that has it)");
-  muxCmd->add_option("--meta", metaArgs, "Metadata NAME=VALUE (repeatable)");
-  muxCmd->add_option("--chapter", chapterArgs, "Chapter SECONDS=NAME (repeatable)");
+  repeatable(muxCmd->add_option("--meta", metaArgs, "Metadata NAME=VALUE (repeatable)"));
+  repeatable(muxCmd->add_option("--chapter", chapterArgs, "Chapter SECONDS=NAME (repeatable)"));
   muxCmd->add_option("--keyframe-interval", mux.keyframeInterval, "Key-frame interval the compressor reports");
-  muxCmd->add_flag("-q,--quiet", mux.quiet, "No progress bar");
+  muxCmd->add_flag("-q,--quiet", mux.quiet, "No progress and no summary; only errors");
+  muxCmd->add_flag("-v,--verbose", mux.verbose, "Also show the formatter module's own summary lines");
+  addProgressOption(muxCmd, mux.progress);
 
   InfoOptions info;
   auto* infoCmd = app.add_subcommand("info", "Print the element tree of a Matroska or WebM file");
@@ -46,17 +89,15 @@ int main(int argc, char** argv) {
   optCmd->add_flag("--crc32", opt.crc32, "Write CRC-32 elements (RFC 8794 byte order) instead of optimising");
   optCmd->add_flag("--force", opt.force, "Save a damaged input anyway, without the parts that could not be read");
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e);
-  }
+  if (const int status = parseCommandLine(app, argc, argv); status >= 0) return status;
 
   installSignalHandlers();
   if (*muxCmd) {
+    if (mux.output == "-") return usageError("-o - is not possible: a Matroska file is finished by seeking back; name a file");
+    if (std::count(mux.inputs.begin(), mux.inputs.end(), "-") > 1) return usageError("standard input (-) can be read only once");
     for (const auto& m : metaArgs) {
       const size_t eq = m.find('=');
-      if (eq == std::string::npos || eq == 0) return fail("--meta takes NAME=VALUE, not '" + m + "'");
+      if (eq == std::string::npos || eq == 0) return usageError("--meta takes NAME=VALUE, not '" + m + "'");
       mux.meta.emplace_back(m.substr(0, eq), m.substr(eq + 1));
     }
     for (const auto& c : chapterArgs) {
@@ -64,7 +105,7 @@ int main(int argc, char** argv) {
       char* end = nullptr;
       const std::string number = eq == std::string::npos ? "" : c.substr(0, eq);
       const double seconds = number.empty() ? -1 : std::strtod(number.c_str(), &end);
-      if (eq == std::string::npos || seconds < 0 || !end || *end) return fail("--chapter takes SECONDS=NAME, not '" + c + "'");
+      if (eq == std::string::npos || seconds < 0 || !end || *end) return usageError("--chapter takes SECONDS=NAME, not '" + c + "'");
       mux.chapters.emplace_back(seconds, c.substr(eq + 1));
     }
     return runMux(mux, argv[0]);

@@ -27,6 +27,7 @@ extern "C" {
 #include "host_sdk/plugin_module.h"
 #include "host_sdk/reference.h"
 #include "kapsel/kapsel.h"
+#include "tools/cli_support.h"
 #include "tools/commands.h"
 
 namespace kapsel_cli {
@@ -293,8 +294,9 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
     in->fmt = avformat_alloc_context();
     if (!in->fmt) return fail("out of memory");
     in->fmt->interrupt_callback = {interrupted, nullptr};
-    int err = avformat_open_input(&in->fmt, path.c_str(), nullptr, nullptr);
-    if (err < 0) return fail("cannot read " + path + ": " + averr(err));
+    // "-" is standard input; a muxer reading it needs no seeking.
+    int err = avformat_open_input(&in->fmt, path == "-" ? "pipe:0" : path.c_str(), nullptr, nullptr);
+    if (err < 0) return fail("cannot read " + (path == "-" ? std::string("standard input") : path) + ": " + averr(err));
     err = avformat_find_stream_info(in->fmt, nullptr);
     if (err < 0) return fail("cannot read " + path + ": " + averr(err));
     inputs.push_back(std::move(in));
@@ -467,9 +469,9 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
     ReleaseSample(s);
   }
 
-  const bool progress = !o.quiet && isatty(2);
+  Progress progress("mux", progressMode(o.progress, o.quiet), Progress::Speed::RealTime);
+  progress.setTotals(duration > 0 ? duration / double(AV_TIME_BASE) : 0, 0);
   const auto started = std::chrono::steady_clock::now();
-  auto lastDraw = started;
   uint64_t bytesIn = 0;
   AVPacket* pkt = av_packet_alloc();
   AVPacket* filtered = av_packet_alloc();
@@ -579,31 +581,39 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
         sendAudio(pkt);
       }
     }
-    if (progress) {
-      const auto now = std::chrono::steady_clock::now();
-      if (now - lastDraw > std::chrono::milliseconds(200)) {
-        lastDraw = now;
-        const double elapsed = std::chrono::duration<double>(now - started).count();
-        const double t = pkt->pts != AV_NOPTS_VALUE ? pkt->pts * av_q2d(next->fmt->streams[pkt->stream_index]->time_base) : 0;
-        const double total = duration > 0 ? duration / double(AV_TIME_BASE) : 0;
-        const double frac = total > 0 ? std::clamp(t / total, 0.0, 1.0) : 0;
-        const int width = 30;
-        const int filled = static_cast<int>(frac * width);
-        std::fprintf(stderr, "\r[%s%s] %5.1f%%  %7.1f MB/s  %s left   ", std::string(filled, '#').c_str(),
-                     std::string(width - filled, '.').c_str(), frac * 100, elapsed > 0 ? bytesIn / 1e6 / elapsed : 0.0,
-                     frac > 0.001 ? (std::to_string(static_cast<int>(elapsed / frac - elapsed)) + " s").c_str() : "?");
-      }
-    }
+    progress.update(bytesIn, endSeconds);
   }
   av_packet_free(&pkt);
   av_packet_free(&filtered);
-  if (progress) std::fprintf(stderr, "\r%80s\r", "");
+  const int sig = stopSignal();
+  progress.finish(!readError && !sig);
 
-  formatter->EndFormatting(nullptr);
+  // The module's own summary lines go to its standard error, for hosts; here they are shown only with --verbose.
+  std::string moduleLines;
+  {
+    std::fflush(stderr);
+    std::FILE* capture = std::tmpfile();
+    const int saved = capture ? dup(STDERR_FILENO) : -1;
+    if (saved >= 0) dup2(fileno(capture), STDERR_FILENO);
+    formatter->EndFormatting(nullptr);
+    std::fflush(stderr);
+    if (saved >= 0) {
+      dup2(saved, STDERR_FILENO);
+      close(saved);
+      std::rewind(capture);
+      char buf[4096];
+      for (size_t n; (n = std::fread(buf, 1, sizeof buf, capture)) > 0;) moduleLines.append(buf, n);
+    }
+    if (capture) std::fclose(capture);
+  }
   formatter->Release();
   formatter = nullptr;
+  if (o.verbose) {
+    std::istringstream lines(moduleLines);
+    for (std::string line; std::getline(lines, line);)
+      if (!line.empty()) note("formatter: " + line);
+  }
 
-  const int sig = stopSignal();
   if (readError && !sig) return fail("reading the input failed part-way: " + averr(readError));
   if (video.frames + audio.frames == 0) {
     if (!sig) return fail("the input holds no packets of the chosen streams");
