@@ -8,15 +8,11 @@
 #include <vector>
 
 #include "formatter/data_table.h"
+#include "formatter/kapsel_formatter_results.h"
 #include "host_sdk/host_sdk.h"
 #include "kapsel/kapsel.h"
 
 namespace kapsel_formatter {
-
-constexpr uint32_t kResultOk = 0;
-constexpr uint32_t kResultOutputNotOpened = 0x8009000F;
-constexpr uint32_t kResultUnknownVideoCodec = 0x80090011;
-constexpr uint32_t kResultUnknownAudioCodec = 0x80090012;
 
 // Host metadata names to Matroska tag names.
 class CKVTagMap {

@@ -23,6 +23,7 @@ extern "C" {
 #include <memory>
 #include <sstream>
 
+#include "formatter/kapsel_formatter_results.h"
 #include "host_sdk/host_sdk.h"
 #include "host_sdk/plugin_module.h"
 #include "host_sdk/reference.h"
@@ -456,9 +457,9 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   SetStreams(*formatter, video.st ? &vc : nullptr, audio.st ? &ac : nullptr);
 
   const uint32_t begun = formatter->BeginFormatting();
-  if (begun == 0x8009000F) return fail("cannot open " + o.output + " for writing");
-  if (begun == 0x80090011) return fail("the formatter does not know the video codec " + std::string(video.codec.name));
-  if (begun == 0x80090012) return fail("the formatter does not know the audio codec " + std::string(audio.codec.name));
+  if (begun == kapsel_formatter::kResultOutputNotOpened) return fail("cannot open " + o.output + " for writing");
+  if (begun == kapsel_formatter::kResultUnknownVideoCodec) return fail("the formatter does not know the video codec " + std::string(video.codec.name));
+  if (begun == kapsel_formatter::kResultUnknownAudioCodec) return fail("the formatter does not know the audio codec " + std::string(audio.codec.name));
   if (begun != 0) return fail("the formatter refused to start (result " + std::to_string(begun) + ")");
 
   if (!vorbis.empty()) {
