@@ -1,0 +1,183 @@
+// The command line as a whole: exit statuses, one-line messages, option parsing, standard input, progress.
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/readers.h"
+
+using namespace kapsel_test;
+
+namespace {
+
+const std::string kProgram = KAPSEL_CLI;
+
+CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(kProgram) + " " + args); }
+
+std::vector<std::string> lines(const std::string& text, const std::string& separators = "\n") {
+  std::vector<std::string> out;
+  std::string line;
+  for (const char c : text) {
+    if (separators.find(c) != std::string::npos) {
+      if (!line.empty()) out.push_back(line);
+      line.clear();
+    } else {
+      line += c;
+    }
+  }
+  if (!line.empty()) out.push_back(line);
+  return out;
+}
+
+// A VP8/Vorbis clip of this many seconds, or empty when this ffmpeg cannot make one.
+std::string clip(const TempDir& dir, const std::string& name, int seconds, const std::string& args) {
+  const std::string path = dir.path(name);
+  const std::string d = std::to_string(seconds);
+  return runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + d +
+                    " -f lavfi -i sine=duration=" + d + " " + args + " " + shellQuote(path))
+                 .exitCode == 0
+             ? path
+             : "";
+}
+
+// The clip fed through a pipe in small pieces, so that the run lasts long enough for several progress updates.
+std::string slowly(const std::string& file) {
+  return "{ for i in $(seq 25); do dd bs=8192 count=1 2>/dev/null; sleep 0.06; done; cat; } < " + shellQuote(file) +
+         " | ";
+}
+
+}  // namespace
+
+TEST(CommandLine, ExitStatusesAndOneLineMessages) {
+  TempDir dir;
+  const std::string in = clip(dir, "in.webm", 1, "-c:v libvpx -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  const std::string q = shellQuote(in), out = shellQuote(dir.path("out.mkv")), missing = shellQuote(dir.path("no.mkv"));
+  struct Case {
+    std::string args;
+    int status;
+    std::string says;  // in the one line on standard error; empty: nothing on standard error is checked
+  };
+  const Case cases[] = {
+      {"--version", 0, ""},
+      {"--help", 0, ""},
+      {"mux --help", 0, ""},
+      {"mux -q " + q + " -o " + out, 0, ""},
+      {"mux -q " + missing + " -o " + shellQuote(dir.path("x.mkv")), 1, "cannot read"},
+      {"mux -q " + q, 2, "--output is required (see kapsel mux --help)"},
+      {"mux -q " + q + " -o " + out + " --bogus", 2, "--bogus"},
+      {"mux -q " + q + " -o -", 2, "-o - is not possible"},
+      {"mux -q " + q + " -o " + out + " --format avi", 2, "avi"},
+      {"mux -q " + q + " -o " + out + " --meta NoEquals", 2, "--meta takes NAME=VALUE"},
+      {"mux -q " + q + " -o " + out + " --chapter x=y", 2, "--chapter takes SECONDS=NAME"},
+      {"mux -q " + q + " -o " + out + " --progress=sometimes", 2, "sometimes"},
+      {"mux -q - - -o " + out, 2, "standard input"},
+      {"info --no-blocks " + out, 0, ""},
+      {"info " + missing, 1, ""},
+      {"info", 2, "see kapsel info --help"},
+      {"info " + out + " --bogus", 2, "--bogus"},
+      {"optimize " + out + " " + shellQuote(dir.path("small.mkv")), 0, ""},
+      {"optimize " + missing + " " + shellQuote(dir.path("small2.mkv")), 1, ""},
+      {"optimize " + out, 2, "see kapsel optimize --help"},
+      {"foo " + q, 2, "unknown command 'foo'"},
+      {"", 2, "kapsel --help"},
+  };
+  for (const auto& c : cases) {
+    const CommandResult r = kapsel(c.args);
+    EXPECT_EQ(r.exitCode, c.status) << c.args << "\n" << r.err;
+    if (c.status == 0) continue;
+    const auto errLines = lines(r.err);
+    ASSERT_EQ(errLines.size(), 1u) << c.args << "\n" << r.err;
+    EXPECT_EQ(errLines[0].rfind("kapsel: ", 0), 0u) << c.args;
+    EXPECT_NE(errLines[0].find(c.says), std::string::npos) << c.args << "\n" << r.err;
+    EXPECT_EQ(r.out, "") << c.args;
+  }
+}
+
+TEST(CommandLine, RepeatableOptionsTakeOneValueAndStandardInputIsAnInput) {
+  TempDir dir;
+  const std::string video = clip(dir, "video.webm", 2, "-map 0:v -c:v libvpx");
+  const std::string audio = clip(dir, "audio.ogg", 2, "-map 1:a -c:a libvorbis");
+  if (video.empty() || audio.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  // The audio input right after --meta and --chapter values stays an input.
+  const std::string both = dir.path("both.webm");
+  CommandResult r = kapsel("mux -q " + shellQuote(video) + " --meta Title=Holiday " + shellQuote(audio) +
+                           " --chapter 1=Beach -o " + shellQuote(both));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const CommandResult probe = runCommand("ffprobe -v error -show_entries stream=codec_name:format_tags=title "
+                                         "-show_chapters -of json " + shellQuote(both));
+  const auto j = nlohmann::json::parse(probe.out);
+  ASSERT_EQ(j["streams"].size(), 2u) << probe.out;
+  EXPECT_EQ(j["format"]["tags"]["title"], "Holiday");
+  bool beach = false;
+  for (const auto& c : j["chapters"]) beach |= c["tags"]["title"] == "Beach" && c["start_time"] == "1.000000";
+  EXPECT_TRUE(beach) << probe.out;
+
+  // "-" reads standard input: the same frames as from the file.
+  const std::string piped = dir.path("piped.mkv"), direct = dir.path("direct.mkv");
+  r = runCommand("cat " + shellQuote(both) + " | " + shellQuote(kProgram) + " mux -q - -o " + shellQuote(piped));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  ASSERT_EQ(kapsel("mux -q " + shellQuote(both) + " -o " + shellQuote(direct)).exitCode, 0);
+  for (int s = 0; s < 2; ++s) {
+    const auto want = frameMd5(direct, s);
+    EXPECT_FALSE(want.empty());
+    EXPECT_EQ(frameMd5(piped, s), want) << "stream " << s;
+  }
+}
+
+TEST(CommandLine, ProgressFitsTheTerminalOrIsJsonAndModuleLinesNeedVerbose) {
+  TempDir dir;
+  const std::string in = clip(dir, "in.webm", 20, "-c:v libvpx -b:v 300k -c:a libvorbis");
+  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  if (!haveTool("script")) GTEST_SKIP() << "no script(1) for a pseudo-terminal";
+
+  // A 50-column terminal: every state of the line fits in 49 columns, and it is updated in place.
+  const std::string inner = "stty cols 50; " + slowly(in) + shellQuote(kProgram) + " mux - -o " +
+                            shellQuote(dir.path("tty.mkv"));
+  CommandResult r = runCommand("script -qec " + shellQuote(inner) + " /dev/null");
+  ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+  std::string screen = r.out;
+  for (size_t at; (at = screen.find("\x1b[K")) != std::string::npos;) screen.erase(at, 3);
+  int drawn = 0;
+  for (const auto& line : lines(screen, "\r\n")) {
+    if (line.rfind("kapsel: ", 0) == 0) continue;
+    ++drawn;
+    EXPECT_LE(line.size(), 49u) << line;
+    EXPECT_EQ(line.rfind("mux", 0), 0u) << line;
+  }
+  EXPECT_GE(drawn, 3) << r.out;
+  EXPECT_NE(screen.find("done"), std::string::npos) << r.out;
+
+  // JSON lines whatever standard error is; media time and bytes only grow; the last one says it is done.
+  const std::string out = dir.path("json.mkv");
+  r = runCommand(slowly(in) + shellQuote(kProgram) + " mux --progress=json - -o " +
+                 shellQuote(out));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::vector<nlohmann::json> objects;
+  for (const auto& line : lines(r.err))
+    if (line.rfind("kapsel: ", 0) != 0) objects.push_back(nlohmann::json::parse(line));
+  ASSERT_GE(objects.size(), 3u) << r.err;
+  for (size_t i = 1; i < objects.size(); ++i) {
+    EXPECT_GE(objects[i]["media_time"].get<double>(), objects[i - 1]["media_time"].get<double>());
+    EXPECT_GE(objects[i]["bytes"].get<uint64_t>(), objects[i - 1]["bytes"].get<uint64_t>());
+  }
+  const auto& last = objects.back();
+  EXPECT_EQ(last["command"], "mux");
+  EXPECT_EQ(last["done"], true);
+  EXPECT_EQ(last["percent"], 100.0);
+  EXPECT_NEAR(last["media_time"].get<double>(), 20.0, 0.1);
+  EXPECT_EQ(last["speed_unit"], "x");
+  EXPECT_EQ(r.err.find("CLUSTER"), std::string::npos) << r.err;
+
+  // Without a terminal and without --progress nothing is drawn; -v shows the module's two lines.
+  r = kapsel("mux -v " + shellQuote(in) + " -o " + shellQuote(out));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto errLines = lines(r.err);
+  ASSERT_EQ(errLines.size(), 3u) << r.err;
+  EXPECT_EQ(errLines[0].rfind("kapsel: formatter: EXPECTED CLUSTERS", 0), 0u) << r.err;
+  EXPECT_EQ(errLines[1].rfind("kapsel: formatter: FINAL CLUSTER COUNT", 0), 0u) << r.err;
+  EXPECT_EQ(errLines[2].rfind("kapsel: wrote ", 0), 0u) << r.err;
+}
