@@ -450,33 +450,62 @@ TEST(KapselOptimize, Crc32InRfc8794Order) {
   EXPECT_EQ(info.out.find("MISMATCH"), std::string::npos);
 }
 
-TEST(KapselInstall, ConsumerBuildsAgainstTheInstalledTree) {
+TEST(KapselInstall, ConsumerBuildsAgainstTheInstalledTreeUnderAnyPrefix) {
   TempDir dir;
-  const std::string prefix = dir.path("prefix");
-  CommandResult inst = runCommand("cmake --install " + shellQuote(KAPSEL_BINARY_DIR) + " --prefix " + shellQuote(prefix));
-  ASSERT_EQ(inst.exitCode, 0) << inst.err;
-  const std::string src = dir.path("consumer");
-  runCommand("mkdir -p " + shellQuote(src));
-  {
-    std::ofstream cm(src + "/CMakeLists.txt");
-    cm << "cmake_minimum_required(VERSION 3.25)\nproject(consumer CXX)\nfind_package(Kapsel REQUIRED)\n"
-          "add_executable(consumer main.cpp)\ntarget_link_libraries(consumer Kapsel::kapsel)\n";
-    std::ofstream main(src + "/main.cpp");
-    main << "#include \"kapsel/kapsel.h\"\n#include <cstdio>\nint main() { unsigned char b[8];\n"
-            "  return Kapsel::vsizeEncode(127, b) == 2 && b[0] == 0x40 ? 0 : 1; }\n";
-  }
   // The tree may have been built with sanitizers: the consumer links with the same ones.
   CommandResult cache = runCommand("grep -c 'KAPSEL_SANITIZE:BOOL=ON' " + shellQuote(std::string(KAPSEL_BINARY_DIR) + "/CMakeCache.txt"));
   const std::string flags = cache.out.rfind("1", 0) == 0 ? "-DCMAKE_CXX_FLAGS=-fsanitize=address,undefined" : "";
-  CommandResult conf = runCommand("cmake -S " + shellQuote(src) + " -B " + shellQuote(src + "/build") + " " + flags +
-                                  " -DCMAKE_PREFIX_PATH=" + shellQuote(prefix));
-  ASSERT_EQ(conf.exitCode, 0) << conf.out << conf.err;
-  CommandResult build = runCommand("cmake --build " + shellQuote(src + "/build"));
-  ASSERT_EQ(build.exitCode, 0) << build.out << build.err;
-  EXPECT_EQ(runCommand(shellQuote(src + "/build/consumer")).exitCode, 0);
-  CommandResult pc = runCommand("PKG_CONFIG_PATH=" + shellQuote(prefix + "/lib/pkgconfig") + " pkg-config --cflags --libs kapsel");
-  EXPECT_EQ(pc.exitCode, 0);
-  EXPECT_NE(pc.out.find("-lkapsel"), std::string::npos);
-  EXPECT_EQ(runCommand("test -x " + shellQuote(prefix + "/bin/kapsel") + " && test -f " +
-                       shellQuote(prefix + "/lib/kapsel/kapsel_formatter.so")).exitCode, 0);
+  const std::string src = dir.path("consumer");
+  runCommand("mkdir -p " + shellQuote(src));
+  {
+    // The consumer links the library, and loads the module the package names and calls its entry points.
+    std::ofstream cm(src + "/CMakeLists.txt");
+    cm << "cmake_minimum_required(VERSION 3.25)\nproject(consumer CXX)\nfind_package(Kapsel REQUIRED)\n"
+          "add_executable(consumer main.cpp)\ntarget_link_libraries(consumer Kapsel::kapsel ${CMAKE_DL_LIBS})\n"
+          "target_compile_definitions(consumer PRIVATE MODULE=\"$<TARGET_FILE:Kapsel::formatter>\")\n"
+          "file(WRITE ${CMAKE_BINARY_DIR}/module-path.txt \"${Kapsel_FORMATTER_MODULE}\")\n";
+    std::ofstream main(src + "/main.cpp");
+    main << "#include \"kapsel/kapsel.h\"\n#include \"formatter/kapsel_formatter_results.h\"\n#include <dlfcn.h>\n"
+            "int main() { unsigned char b[8];\n"
+            "  if (Kapsel::vsizeEncode(127, b) != 2 || b[0] != 0x40) return 1;\n"
+            "  void* m = dlopen(MODULE, RTLD_NOW | RTLD_LOCAL);\n"
+            "  if (!m || !dlsym(m, \"BXGetNumberFormatters\") || !dlsym(m, \"BXGetFormatterInfo\")) return 2;\n"
+            "  return dlsym(m, \"CreateFormatter\") && kapsel_formatter::kResultOk == 0 ? 0 : 3; }\n";
+  }
+  for (const std::string name : {"one", "two"}) {
+    SCOPED_TRACE(name);
+    const std::string prefix = dir.path(name);
+    CommandResult inst = runCommand("cmake --install " + shellQuote(KAPSEL_BINARY_DIR) + " --prefix " + shellQuote(prefix));
+    ASSERT_EQ(inst.exitCode, 0) << inst.err;
+    const std::string build = dir.path("build-" + name);
+    CommandResult conf = runCommand("cmake -S " + shellQuote(src) + " -B " + shellQuote(build) + " " + flags +
+                                    " -DCMAKE_PREFIX_PATH=" + shellQuote(prefix));
+    ASSERT_EQ(conf.exitCode, 0) << conf.out << conf.err;
+    CommandResult made = runCommand("cmake --build " + shellQuote(build));
+    ASSERT_EQ(made.exitCode, 0) << made.out << made.err;
+    EXPECT_EQ(runCommand(shellQuote(build + "/consumer")).exitCode, 0);
+    const auto modulePath = readFile(build + "/module-path.txt");
+    EXPECT_EQ(runCommand("realpath " + shellQuote(std::string(modulePath.begin(), modulePath.end()))).out,
+              prefix + "/lib/kapsel/kapsel_formatter.so\n");
+    // pkg-config answers with this prefix, not the one the tree was configured with.
+    CommandResult pc = runCommand("PKG_CONFIG_PATH=" + shellQuote(prefix + "/lib/pkgconfig") +
+                                  " pkg-config --cflags --libs kapsel");
+    EXPECT_EQ(pc.exitCode, 0);
+    std::istringstream words(pc.out);
+    for (std::string w; words >> w;) {
+      if (w.rfind("-I", 0) == 0) EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/include\n");
+      if (w.rfind("-L", 0) == 0) EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/lib\n");
+    }
+    EXPECT_NE(pc.out.find("-lkapsel"), std::string::npos);
+    // Program, module, man page (renders without warnings) and bash completion.
+    EXPECT_EQ(runCommand("test -x " + shellQuote(prefix + "/bin/kapsel") + " && test -f " +
+                         shellQuote(prefix + "/lib/kapsel/kapsel_formatter.so") + " && test -f " +
+                         shellQuote(prefix + "/share/bash-completion/completions/kapsel")).exitCode, 0);
+    CommandResult man = runCommand("groff -man -ww -z " + shellQuote(prefix + "/share/man/man1/kapsel.1"));
+    EXPECT_EQ(man.exitCode, 0);
+    EXPECT_EQ(man.err, "");
+    CommandResult complete = runCommand("bash -c " + shellQuote("source " + prefix + "/share/bash-completion/completions/kapsel; "
+                                        "COMP_WORDS=(kapsel mux --pro); COMP_CWORD=2; _kapsel; echo ${COMPREPLY[@]}"));
+    EXPECT_NE(complete.out.find("--progress=json"), std::string::npos) << complete.out << complete.err;
+  }
 }
