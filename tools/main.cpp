@@ -7,7 +7,6 @@
 #include "tools/cli_support.h"
 #include "tools/commands.h"
 
-
 using namespace kapsel_cli;
 
 namespace {
@@ -15,17 +14,17 @@ namespace {
 // -1 when the command line is good; otherwise the exit status, after help, the version or one line on what is wrong.
 int parseCommandLine(CLI::App& app, int argc, char** argv) {
   // The first word that is not an option names the command.
-  bool named = false;
-  for (int i = 1; i < argc && !named; ++i) {
+  for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
     if (!word.empty() && word[0] == '-') continue;
     const auto known = app.get_subcommands([&](CLI::App* c) { return c->check_name(word); });
     if (known.empty()) return usageError("unknown command '" + word + "'");
-    named = true;
+    break;
   }
   if (argc == 1) {
     std::string names;
-    for (const auto* c : app.get_subcommands([](CLI::App*) { return true; })) names += (names.empty() ? "" : ", ") + c->get_name();
+    for (const auto* c : app.get_subcommands([](CLI::App*) { return true; }))
+      names += (names.empty() ? "" : ", ") + c->get_name();
     return usageError("name a command: " + names);
   }
   try {
