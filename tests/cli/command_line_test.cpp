@@ -150,6 +150,17 @@ TEST(CommandLine, ProgressFitsTheTerminalOrIsJsonAndModuleLinesNeedVerbose) {
   }
   EXPECT_GE(drawn, 3) << r.out;
   EXPECT_NE(screen.find("done"), std::string::npos) << r.out;
+  // Other widths, from COLUMNS when standard error is no terminal: fields are given up, the line never wraps.
+  for (const int width : {2, 9, 16, 24, 31, 40, 60, 80, 200}) {
+    r = runCommand("COLUMNS=" + std::to_string(width) + " " + shellQuote(kProgram) + " mux --progress=line " +
+                   shellQuote(in) + " -o " + shellQuote(dir.path("w.mkv")) + " 2>&1 >/dev/null | grep -v '^kapsel: '");
+    std::string text = r.out;
+    for (size_t at; (at = text.find("\x1b[K")) != std::string::npos;) text.erase(at, 3);
+    const auto drawnLines = lines(text, "\r\n");
+    ASSERT_FALSE(drawnLines.empty()) << width;
+    for (const auto& line : drawnLines) EXPECT_LE(line.size(), static_cast<size_t>(width - 1)) << line;
+    if (width >= 40) EXPECT_NE(drawnLines.back().find("100.0%"), std::string::npos) << drawnLines.back();
+  }
 
   // JSON lines whatever standard error is; media time and bytes only grow; the last one says it is done.
   const std::string out = dir.path("json.mkv");
