@@ -1,0 +1,470 @@
+#!/usr/bin/env python3
+"""Real-world corpus for `kapsel mux` and `kapsel optimize`.
+
+Generates small clips with ffmpeg and mkvmerge into WORKDIR, runs kapsel on each, and checks with independent
+readers that every packet (bytes and presentation time), every decoded video frame and the file's metadata survive.
+One table of clips drives everything. Usage: corpus.py KAPSEL WORKDIR [CLIP...]
+"""
+import collections
+import functools
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+from fractions import Fraction
+
+# Sources for the clips: a moving test picture and tones, 1.2 seconds, 160x120.
+D = "1.2"
+def V(rate="25"):
+    return ["-f", "lavfi", "-i", f"testsrc2=s=160x120:r={rate}:d={D}"]
+def A(freq=440, rate=44100, layout="stereo"):
+    return ["-f", "lavfi", "-i", f"sine=f={freq}:r={rate}:d={D},aformat=channel_layouts={layout}"]
+X264 = ["-c:v", "libx264", "-bf", "2", "-g", "12", "-preset", "veryfast"]
+VP8 = ["-c:v", "libvpx", "-b:v", "200k", "-g", "10"]
+META = ["-metadata", "title=Corpus Title", "-metadata", "artist=Corpus Artist", "-metadata", "comment=A comment",
+        "-metadata", "genre=Test"]
+CHAPTERS = """;FFMETADATA1
+title=Chaptered
+[CHAPTER]
+TIMEBASE=1/1000
+START=0
+END=400
+title=Opening
+[CHAPTER]
+TIMEBASE=1/1000
+START=400
+END=1200
+title=Rest
+"""
+SRT = "1\n00:00:00,100 --> 00:00:00,600\nHello\n\n2\n00:00:00,700 --> 00:00:01,100\nWorld\n"
+
+# name, file, generating commands (lists; "{w}" is the work directory), expected result per output:
+# "ok" (written, every check passes) or "refused" (exit 1, no output file). Outputs: mkv, webm (mux), opt (optimize).
+CLIPS = [
+    ("h264_25_mp4", "h264_25.mp4", [["ffmpeg", *V("25"), *A(), *X264, "-c:a", "aac", "-shortest"]],
+     {"mkv": "ok", "webm": "refused"}),
+    ("h264_2997_mkv", "h264_2997.mkv", [["ffmpeg", *V("30000/1001"), *A(), *X264, "-c:a", "aac", "-shortest"]],
+     {"mkv": "ok", "webm": "refused", "opt": "ok"}),
+    ("h264_60_mp4", "h264_60.mp4", [["ffmpeg", *V("60"), *A(rate=48000), *X264, "-c:a", "aac", "-shortest"]],
+     {"mkv": "ok"}),
+    ("h264_vfr_mkv", "h264_vfr.mkv",
+     [["ffmpeg", *V("30"), "-vf", "select='not(eq(mod(n\\,5)\\,2))*not(eq(mod(n\\,7)\\,3))'", "-fps_mode", "vfr",
+       *X264]], {"mkv": "ok", "opt": "ok"}),
+    ("aac_priming_m4a", "aac_priming.m4a", [["ffmpeg", *A(rate=48000), "-c:a", "aac"]], {"mkv": "ok"}),
+    ("aac_adts", "aac_adts.aac", [["ffmpeg", *A(layout="mono"), "-c:a", "aac"]], {"mkv": "ok"}),
+    ("mpeg4_bf_avi", "mpeg4_bf.avi",
+     [["ffmpeg", *V("25"), *A(), "-c:v", "mpeg4", "-bf", "2", "-vtag", "XVID", "-c:a", "libmp3lame", "-shortest"]],
+     {"mkv": "ok"}),
+    ("vp8_vorbis_ffmpeg", "vp8_vorbis.webm", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest"]],
+     {"mkv": "ok", "webm": "ok", "opt": "ok"}),
+    ("vp8_vorbis_mkvmerge", "vp8_vorbis_mkvmerge.webm",
+     [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", "{w}/vp8_vorbis_src.webm"],
+      ["mkvmerge", "-q", "--webm", "-o", "OUT", "{w}/vp8_vorbis_src.webm"]],
+     {"mkv": "ok", "webm": "ok", "opt": "ok"}),
+    ("mp3_wav", "mp3.wav", [["ffmpeg", *A(), "-c:a", "libmp3lame", "-f", "wav"]], {"mkv": "ok"}),
+    ("pcm16_wav", "pcm16.wav", [["ffmpeg", *A(), "-c:a", "pcm_s16le"]], {"mkv": "ok"}),
+    ("pcm8_wav", "pcm8.wav", [["ffmpeg", *A(layout="mono", rate=22050), "-c:a", "pcm_u8"]], {"mkv": "ok"}),
+    ("mp3_mkv", "mp3.mkv", [["ffmpeg", *A(), "-c:a", "libmp3lame"]], {"mkv": "ok", "opt": "ok"}),
+    ("pcm24_mkv", "pcm24.mkv", [["ffmpeg", *A(rate=48000), "-c:a", "pcm_s24le"]], {"mkv": "ok", "opt": "ok"}),
+    ("ac3_mkv", "ac3.mkv", [["ffmpeg", *V("25"), *A(rate=48000), *X264, "-c:a", "ac3", "-shortest"]],
+     {"mkv": "ok", "opt": "ok"}),
+    ("chapters_mkv", "chapters.mkv",
+     [["ffmpeg", *V("25"), *A(), "-i", "{w}/chapters.txt", "-map", "0", "-map", "1", "-map_metadata", "2",
+       "-map_chapters", "2", *X264, "-c:a", "aac", "-shortest"]], {"mkv": "ok", "opt": "ok"}),
+    ("tags_mp4", "tags.mp4", [["ffmpeg", *V("25"), *A(), *X264, "-c:a", "aac", "-shortest", *META]],
+     {"mkv": "ok"}),
+    ("tags_vp8_mkv", "tags_vp8.mkv", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", *META]],
+     {"mkv": "ok", "webm": "ok", "opt": "ok"}),
+    ("two_audio_srt_mkv", "two_audio_srt.mkv",
+     [["ffmpeg", *V("25"), *A(), *A(880, 48000, "mono"), "-i", "{w}/subs.srt", "-map", "0", "-map", "1",
+       "-map", "2", "-map", "3", *X264, "-c:a:0", "aac", "-c:a:1", "libmp3lame", "-c:s", "srt", "-shortest",
+       "-metadata:s:a:1", "language=ger", "-metadata:s:s:0", "language=eng"]], {"mkv": "ok", "opt": "ok"}),
+    ("opus_webm", "opus.webm", [["ffmpeg", *V("25"), *A(rate=48000), *VP8, "-c:a", "libopus", "-shortest"]],
+     {"mkv": "refused", "webm": "refused", "opt": "ok"}),
+    ("vp9_opus_webm", "vp9_opus.webm",
+     [["ffmpeg", *V("25"), *A(rate=48000), "-c:v", "libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8",
+       "-c:a", "libopus", "-shortest"]], {"mkv": "refused", "webm": "refused", "opt": "ok"}),
+    ("colour_webm", "colour.webm",
+     [["ffmpeg", *V("25"), *VP8, "-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709",
+       "-color_range", "tv"]], {"mkv": "ok", "webm": "ok", "opt": "ok"}),
+    ("colour_h264_mkv", "colour_h264.mkv",
+     [["ffmpeg", *V("25"), *X264, "-color_primaries", "bt470bg", "-color_trc", "smpte170m", "-colorspace",
+       "bt470bg", "-color_range", "pc"]], {"mkv": "ok", "opt": "ok"}),
+    ("damaged_webm", "damaged.webm", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest",
+                                       "{w}/undamaged.webm"], ["DAMAGE", "{w}/undamaged.webm"]],
+     {"opt": "damaged"}),
+]
+OUTPUTS = ["mkv", "webm", "opt"]
+# Tags that mux carries from the input (compared by value, names in any case).
+CARRIED_TAGS = {"title", "artist", "comment", "genre", "copyright", "description", "encoded_by", "publisher",
+                "keywords", "producer"}
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, errors="replace", **kw)
+
+
+def vint(data, pos, keep_marker=False):
+    first = data[pos]
+    length = 1
+    while length <= 8 and not first & (0x80 >> (length - 1)):
+        length += 1
+    value = first if keep_marker else first & (0xFF >> length)
+    for b in data[pos + 1:pos + length]:
+        value = (value << 8) | b
+    return value, length
+
+
+def damage(src, dst):
+    """Inserts one byte into the middle of the first block of the first cluster."""
+    data = bytearray(open(src, "rb").read())
+    pos = data.index(b"\x1f\x43\xb6\x75")
+    _, n = vint(data, pos + 4)
+    pos += 4 + n
+    while True:
+        ident, n = vint(data, pos, keep_marker=True)
+        size, m = vint(data, pos + n)
+        if ident in (0xA3, 0xA0):
+            data.insert(pos + n + m + size // 2, 0x5A)
+            break
+        pos += n + m + size
+    open(dst, "wb").write(bytes(data))
+
+
+def generate(work, clip):
+    name, fname, cmds, _ = clip
+    out = os.path.join(work, fname)
+    for cmd in cmds:
+        cmd = [c.replace("{w}", work) for c in cmd]
+        if cmd[0] == "DAMAGE":
+            damage(cmd[1], out)
+            continue
+        if cmd[0] == "ffmpeg":
+            cmd = ["ffmpeg", "-v", "error", "-y", *cmd[1:]]
+            if not any(c.startswith(work + "/") and not c.endswith((".txt", ".srt")) for c in cmd):
+                cmd.append(out)
+        else:
+            cmd = [out if c == "OUT" else c for c in cmd]
+        r = run(cmd)
+        if r.returncode > 1 or (cmd[0] == "ffmpeg" and r.returncode):
+            raise RuntimeError(f"{name}: {' '.join(cmd)} failed: {r.stderr.strip()[-300:]}")
+    return out
+
+
+@functools.lru_cache(maxsize=None)
+def packets(path, index):
+    """(time base, extradata md5, [(pts, duration, md5)]) of one stream, in file order."""
+    # Raw ADTS is compared without its frame headers, as Matroska carries AAC.
+    adts = ["-bsf", "aac_adtstoasc"] if path.endswith(".aac") else []
+    r = run(["ffmpeg", "-v", "error", "-i", path, "-map", f"0:{index}", "-c", "copy", *adts, "-f", "framemd5", "-"])
+    tb, extra, pk = None, None, []
+    for line in r.stdout.splitlines():
+        if line.startswith("#tb"):
+            num, den = line.split(":")[1].strip().split("/")
+            tb = Fraction(int(num), int(den))
+        elif line.startswith("#extradata"):
+            extra = line.split(",")[-1].strip()
+        elif line and not line.startswith("#"):
+            f = [x.strip() for x in line.split(",")]
+            pts = None if int(f[2]) == -2**63 else int(f[2]) * tb
+            pk.append((pts, int(f[3]) * tb, f[5]))
+    return tb, extra, pk, r.stderr.strip()
+
+
+def frames(path):
+    r = run(["ffmpeg", "-v", "error", "-i", path, "-map", "0:v:0", "-fps_mode", "passthrough", "-f", "framemd5",
+             "-"])
+    return [l.split(",")[-1].strip() for l in r.stdout.splitlines() if l and not l.startswith("#")], r.stderr.strip()
+
+
+def probe(path):
+    r = run(["ffprobe", "-v", "error", "-print_format", "json", "-show_streams", "-show_format", "-show_chapters",
+             path])
+    return json.loads(r.stdout or "{}")
+
+
+def identify(path):
+    r = run(["mkvmerge", "-J", path])
+    try:
+        return r.returncode, json.loads(r.stdout)
+    except ValueError:
+        return r.returncode, {}
+
+
+def element_tree(path):
+    """mkvinfo's elements as paths of names and values, without positions, sizes, padding, CRC-32 and seek data.
+    Sibling order is not compared (block order is, by the packet check)."""
+    r = run(["mkvinfo", "-a", path])
+    out, stack, skip = collections.Counter(), [], None
+    for line in r.stdout.splitlines():
+        m = re.match(r"^([| ]*)\+ (.*)$", line)
+        if not m:
+            continue
+        depth, text = len(m.group(1)), m.group(2)
+        if skip is not None and depth > skip:
+            continue
+        skip = None
+        if re.match(r"(Seek head|EBML void|CRC-32)", text):
+            skip = depth
+            continue
+        if text.startswith(("Cue cluster position", "Cue relative position")):
+            continue
+        text = re.sub(r"^Segment: size \d+", "Segment", text)
+        del stack[depth:]
+        stack.append(text)
+        out[" / ".join(stack)] += 1
+    return out, r.returncode
+
+
+def diff_trees(a, b):
+    lost, added = list((a - b).elements()), list((b - a).elements())
+    problems = []
+    if lost:
+        problems.append(f"{len(lost)} element(s) lost, first: {lost[0]}")
+    if added:
+        problems.append(f"{len(added)} element(s) added, first: {added[0]}")
+    return problems
+
+
+def diff_lists(a, b, what):
+    for i, (x, y) in enumerate(zip(a, b)):
+        if x != y:
+            return f"{what} #{i}: {x} vs {y}"
+    if len(a) != len(b):
+        return f"{what}: {len(a)} vs {len(b)}"
+    return None
+
+
+def check_packets(src, out, src_probe, out_probe):
+    """Each output stream's packets equal one source stream's of the same type, all shifted by one amount."""
+    problems, shift = [], None
+    out_streams = out_probe.get("streams", [])
+    if not out_streams:
+        return ["no streams"]
+    for os_ in out_streams:
+        otb, oextra, opk, oerr = packets(out, os_["index"])
+        best = None
+        for ss in src_probe.get("streams", []):
+            if ss["codec_type"] != os_["codec_type"]:
+                continue
+            stb, sextra, spk, _ = packets(src, ss["index"])
+            md5s = [p[2] for p in spk]
+            errs = []
+            e = diff_lists(md5s, [p[2] for p in opk], "packet bytes")
+            if e:
+                errs.append(e)
+            if sextra and oextra != sextra and ss["codec_name"] != "mp3":
+                errs.append(f"codec private {sextra} vs {oextra}")
+            if not errs:
+                tol = max(otb, stb)
+                local = None
+                for i, (s, o) in enumerate(zip(spk, opk)):
+                    if s[0] is None:
+                        continue
+                    if o[0] is None:
+                        errs.append(f"packet #{i} lost its time")
+                        break
+                    d = o[0] - s[0]
+                    ref = shift if shift is not None else (local if local is not None else d)
+                    if local is None:
+                        local = d
+                    if abs(d - ref) > tol:
+                        errs.append(f"packet #{i} time {float(s[0]):.4f}s -> {float(o[0]):.4f}s "
+                                    f"(shift {float(d):.4f}s, expected {float(ref):.4f}s)")
+                        break
+                if not errs and local is not None and shift is None:
+                    shift = local
+            if best is None or len(errs) < len(best[1]):
+                best = (ss["index"], errs)
+            if not errs:
+                break
+        if best is None:
+            problems.append(f"{os_['codec_type']} stream {os_['index']}: not in the source")
+        elif best[1]:
+            problems.append(f"stream {os_['index']} vs source {best[0]}: {best[1][0]}")
+        if oerr:
+            problems.append(f"reading stream {os_['index']}: {oerr.splitlines()[0]}")
+    return problems
+
+
+def check_frames(src, out, src_probe):
+    if not any(s["codec_type"] == "video" for s in src_probe.get("streams", [])):
+        return None
+    a, _ = frames(src)
+    b, err = frames(out)
+    e = diff_lists(a, b, "decoded frame")
+    return [e] if e else ([err.splitlines()[0]] if err else [])
+
+
+def source_duration(src, src_probe):
+    """End of the last packet of the audio and video streams, counted from zero or the earliest time before it."""
+    spans = [(p[0], p[0] + p[1]) for s in src_probe.get("streams", []) if s["codec_type"] in ("audio", "video")
+             for p in packets(src, s["index"])[2] if p[0] is not None]
+    return max(e for _, e in spans) - min(0, min(b for b, _ in spans)) if spans else 0
+
+
+def tags_of(p):
+    return {k.lower(): v for k, v in p.get("format", {}).get("tags", {}).items() if k.lower() in CARRIED_TAGS}
+
+
+def check_readers(src, out, kind, src_probe, out_probe, frame_tol, optimized):
+    problems = []
+    r = run(["ffprobe", "-v", "warning", "-show_packets", "-show_streams", out])
+    if r.stderr.strip():
+        problems.append("ffprobe: " + r.stderr.strip().splitlines()[0])
+    rc, oj = identify(out)
+    if rc != 0 or oj.get("warnings") or oj.get("errors"):
+        problems.append(f"mkvmerge -J exit {rc}: {(oj.get('warnings') or oj.get('errors') or [''])[0]}")
+    r = run(["mkvinfo", out])
+    if r.returncode != 0 or re.search(r"(?i)\b(error|warning)\b", r.stdout + r.stderr):
+        problems.append(f"mkvinfo exit {r.returncode}: " +
+                        next((l for l in (r.stdout + r.stderr).splitlines() if re.search(r"(?i)error|warning", l)),
+                             ""))
+    if kind == "webm" or (optimized and src.endswith(".webm")):
+        r = run(["webm_info", "-i", out])
+        if r.returncode != 0 or re.search(r"(?i)not supported|error|invalid", r.stdout + r.stderr):
+            problems.append(f"webm_info exit {r.returncode}")
+    # What mkvmerge reports: tracks carried, their codecs, duration, chapters, tags, title.
+    _, sj = identify(src)
+    stracks = sj.get("tracks", [])
+    otracks = oj.get("tracks", [])
+    for t in otracks if stracks else []:
+        same = [s for s in stracks if s["type"] == t["type"] and s["codec"] == t["codec"]]
+        if not same:
+            problems.append(f"mkvmerge: output {t['type']} track {t['codec']} not like any source track")
+    carried_types = {t["type"] for t in stracks if t["type"] in ("video", "audio")}
+    if not stracks:  # mkvmerge cannot read every source (MP3 in WAV): take ffprobe's word for the types
+        carried_types = {s["codec_type"] for s in src_probe.get("streams", []) if s["codec_type"] in ("video", "audio")}
+    if not optimized and {t["type"] for t in oj.get("tracks", [])} != carried_types:
+        problems.append(f"mkvmerge: track types {sorted(t['type'] for t in otracks)} for source {sorted(carried_types)}")
+    if optimized and [(t["type"], t["codec"]) for t in otracks] != [(t["type"], t["codec"]) for t in stracks]:
+        problems.append("mkvmerge: tracks differ")
+    sd = float(source_duration(src, src_probe))
+    od = oj.get("container", {}).get("properties", {}).get("duration")
+    if od is None or abs(od / 1e9 - sd) > frame_tol:
+        problems.append(f"duration {None if od is None else od / 1e9}s for source {sd:.3f}s")
+    sch = [(round(float(c["start_time"]), 3), round(float(c["end_time"]), 3), c.get("tags", {}).get("title"))
+           for c in src_probe.get("chapters", [])]
+    och = [(round(float(c["start_time"]), 3), round(float(c["end_time"]), 3), c.get("tags", {}).get("title"))
+           for c in out_probe.get("chapters", [])]
+    if sch != och:
+        problems.append(f"chapters {och} for source {sch}")
+    st, ot = tags_of(src_probe), tags_of(out_probe)
+    # WebM output carries no Tags (a documented choice); the title still goes to the segment's title.
+    if kind != "webm" and any(ot.get(k) != v for k, v in st.items()):
+        problems.append(f"tags {ot} for source {st}")
+    stitle = sj.get("container", {}).get("properties", {}).get("title") or st.get("title")
+    otitle = oj.get("container", {}).get("properties", {}).get("title")
+    if stitle != otitle:
+        problems.append(f"title {otitle!r} for source {stitle!r}")
+    return problems
+
+
+def check_damaged(kapsel, work, src):
+    """optimize refuses the damaged file; with --force it keeps every intact packet ffmpeg still reads."""
+    out = os.path.join(work, "damaged.opt.webm")
+    problems = []
+    for f in (out,):
+        if os.path.exists(f):
+            os.remove(f)
+    r = run([kapsel, "optimize", src, out])
+    if r.returncode != 1 or os.path.exists(out) or "damage" not in r.stderr.lower():
+        problems.append(f"without --force: exit {r.returncode}, output {'written' if os.path.exists(out) else 'none'}"
+                        f", says {r.stderr.strip()[:120]!r}")
+    r = run([kapsel, "optimize", "--force", src, out])
+    if r.returncode != 0 or not os.path.exists(out):
+        return problems + [f"--force: exit {r.returncode}: {r.stderr.strip()[:200]}"], []
+    original = os.path.join(work, "undamaged.webm")
+    readers = []
+    rr = run(["ffprobe", "-v", "warning", "-show_packets", out])
+    if rr.stderr.strip():
+        readers.append("ffprobe: " + rr.stderr.strip().splitlines()[0])
+    rc, oj = identify(out)
+    if rc != 0:
+        readers.append(f"mkvmerge -J exit {rc}")
+    for i in range(2):
+        good = {(p[0], p[2]) for p in packets(original, i)[2]}
+        readable = [(p[0], p[2]) for p in packets(src, i)[2]]
+        kept = [(p[0], p[2]) for p in packets(out, i)[2]]
+        missing = [p for p in readable if p in good and p not in kept]
+        garbage = [p for p in kept if p not in good and p not in readable]
+        if missing:
+            problems.append(f"stream {i}: {len(missing)} intact packet(s) ffmpeg reads were dropped, first at "
+                            f"{float(missing[0][0]):.3f}s")
+        if garbage:
+            problems.append(f"stream {i}: {len(garbage)} packet(s) neither in the undamaged file nor read by ffmpeg")
+    return problems, readers
+
+
+def main():
+    if len(sys.argv) < 3:
+        print(__doc__)
+        return 2
+    kapsel, work = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    only = set(sys.argv[3:])
+    os.makedirs(work, exist_ok=True)
+    open(os.path.join(work, "chapters.txt"), "w").write(CHAPTERS)
+    open(os.path.join(work, "subs.srt"), "w").write(SRT)
+    start = time.time()
+    rows, failed = [], False
+    for clip in CLIPS:
+        name, fname, _, expected = clip
+        if only and name not in only:
+            continue
+        src = generate(work, clip)
+        src_probe = probe(src)
+        durations = [p[1] for s in src_probe.get("streams", []) for p in packets(src, s["index"])[2][:3]]
+        frame_tol = float(max(durations, default=Fraction(1, 25))) + 0.002
+        for kind in OUTPUTS:
+            want = expected.get(kind)
+            if want is None:
+                continue
+            if want == "damaged":
+                probs, readers = check_damaged(kapsel, work, src)
+                rows.append((name, "opt", "FAIL" if probs else "ok", "-", "FAIL" if readers else "ok"))
+                for p in probs + readers:
+                    print(f"  {name} opt: {p}")
+                failed |= bool(probs or readers)
+                continue
+            out = os.path.join(work, f"{os.path.splitext(fname)[0]}.{kind}.{'mkv' if kind == 'mkv' else 'webm' if kind == 'webm' or src.endswith('.webm') else 'mkv'}")
+            if os.path.exists(out):
+                os.remove(out)
+            cmd = [kapsel, "optimize", src, out] if kind == "opt" else [kapsel, "mux", "-q", src, "-o", out]
+            r = run(cmd)
+            if want == "refused" or r.returncode != 0:
+                ok = want == "refused" and r.returncode == 1 and not os.path.exists(out)
+                rows.append((name, kind, "refused" if ok else "FAIL", "-", "-"))
+                if not ok:
+                    failed = True
+                    print(f"  {name} {kind}: expected {want}, got exit {r.returncode}"
+                          f"{' and an output file' if os.path.exists(out) else ''}: {r.stderr.strip()[:200]}")
+                continue
+            out_probe = probe(out)
+            results = {"packets": check_packets(src, out, src_probe, out_probe),
+                       "frames": check_frames(src, out, src_probe),
+                       "readers": check_readers(src, out, kind, src_probe, out_probe, frame_tol, kind == "opt")}
+            if kind == "opt":
+                a, _ = element_tree(src)
+                b, rc = element_tree(out)
+                results["readers"] += [f"element tree: {e}" for e in diff_trees(a, b)]
+            cells = []
+            for key in ("packets", "frames", "readers"):
+                v = results[key]
+                cells.append("-" if v is None else ("FAIL" if v else "ok"))
+                for p in v or []:
+                    print(f"  {name} {kind} {key}: {p}")
+                failed |= bool(v)
+            rows.append((name, kind, *cells))
+    print()
+    print(f"{'clip':<22} {'output':<6} {'packets':<8} {'frames':<8} {'readers':<8}")
+    for row in rows:
+        print(f"{row[0]:<22} {row[1]:<6} {row[2]:<8} {row[3]:<8} {row[4]:<8}")
+    print(f"\n{len(rows)} rows, {sum('FAIL' in r for r in rows)} failing, {time.time() - start:.0f} s")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
