@@ -1,14 +1,8 @@
-// Fuzz target: whole-document loads (linear and through the seek head) and block parsing.
-// Build with clang: cmake -S fuzz -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ && cmake --build build/fuzz
-// Run: build/fuzz/load_fuzz -max_total_time=60 corpus/
+// Fuzz target: whole-document loads (linear and through the seek head) and block parsing; every
+// document that loads is written again and must read back as the same tree.
+// Build and run: fuzz/run_ci.sh, or fuzz/run_long.sh for longer runs.
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <string>
-
-#include "kapsel/kapsel.h"
+#include "fuzz/fuzz_common.h"
 
 using namespace Kapsel;
 
@@ -19,21 +13,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bytes.add(receiptForConstMemory(data, static_cast<unsigned long>(size)));
     block.importData(bytes);
   }
-  static int fd = memfd_create("kapsel-fuzz", 0);
-  if (fd < 0) return 0;
-  if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  static fuzz::MemFile input("kapsel-fuzz-in"), output("kapsel-fuzz-out");
+  if (!input.ok() || !output.ok() || !input.assign(data, size)) return 0;
   {
-    FileStorage in(path, File::kReadOnly);
+    FileStorage in(input.path(), File::kReadOnly);
     MatroskaDoc doc;
+    doc.setKeepUnknown(true);
     doc.load(in, in.file().size());
-    MemoryStorage mem;
-    doc.optimize(mem);
-    NullStorage sink;
-    doc.save(sink);
+    if (doc.segments_.empty()) return 0;
+    if (!fuzz::saveTo(doc, output)) fuzz::finding("a loaded document could not be saved");
+    // Dumped after the save: the save itself drops references whose target never loaded.
+    const std::string first = fuzz::dump(doc);
+    FileStorage again(output.path(), File::kReadOnly);
+    MatroskaDoc reloaded;
+    reloaded.setKeepUnknown(true);
+    reloaded.load(again, again.file().size());
+    if (!reloaded.damagedRanges().empty()) fuzz::finding("the saved file has damaged ranges");
+    if (fuzz::dump(reloaded) != first) fuzz::finding("the saved file reads back as a different tree", first, fuzz::dump(reloaded));
   }
   {
-    FileStorage in(path, File::kReadOnly);
+    FileStorage in(input.path(), File::kReadOnly);
     MatroskaDoc doc;
     if (doc.loadSeekHead(in, in.file().size())) doc.loadViaSeekHead(in, nullptr, true);
   }

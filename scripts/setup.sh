@@ -3,7 +3,8 @@
 set -euo pipefail
 packages=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
   libcli11-dev nlohmann-json3-dev libavformat-dev libavcodec-dev libavutil-dev
-  ffmpeg mkvtoolnix libwebm-tools groff-base python3)
+  ffmpeg mkvtoolnix libwebm-tools groff-base python3
+  clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

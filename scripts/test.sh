@@ -8,3 +8,4 @@ cmake --build build/ci -j"$(nproc)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:detect_odr_violation=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 ctest --test-dir build/ci --output-on-failure -j"$(nproc)"
+bash fuzz/run_ci.sh
