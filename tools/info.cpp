@@ -1,4 +1,4 @@
-// kapsel info and kapsel optimize: the library's loader, dump and optimiser from the shell.
+// kapsel info: the library's loader and dump from the shell.
 
 #include <cinttypes>
 #include <cmath>
@@ -206,69 +206,6 @@ int runInfo(const InfoOptions& o) {
     json out{{"file", o.file}, {"size", size}, {"elements", printer.result()}};
     std::cout << out.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
   }
-  return 0;
-}
-
-namespace {
-
-// "bytes 1200-3400, 9000-12000 (past the end of the file at 10000)"
-std::string describeDamage(const std::vector<TByteRange>& ranges, uint64_t fileSize) {
-  std::ostringstream os;
-  os << "bytes ";
-  for (size_t i = 0; i < ranges.size(); ++i) {
-    os << (i ? ", " : "") << ranges[i].begin << "-" << ranges[i].end;
-    if (ranges[i].end > fileSize) os << " (past the end of the file at " << fileSize << ")";
-  }
-  return os.str();
-}
-
-}  // namespace
-
-int runOptimize(const OptimizeOptions& o) {
-  if (!sameFileAs(o.output, {o.input}).empty())
-    return fail("the output " + o.output + " is the input " + o.input + "; write to another file");
-  FileStorage in(o.input, File::kReadOnly);
-  if (!in.file().isOpen()) return fail("cannot open " + o.input);
-  const uint64_t before = in.file().size();
-  WebmDoc doc(kFileFormatMatroska);
-  // Elements the tables do not know are written back as they were: optimising never loses data.
-  doc.setKeepUnknown(true);
-  if (doc.load(in, before) == 0 || doc.segments_.empty())
-    return fail(o.input + " is not a Matroska or WebM file");
-  const std::vector<TByteRange> damage = doc.damagedRanges();
-  if (!damage.empty() && !o.force)
-    return fail(o.input + " is damaged: " + describeDamage(damage, before) +
-                " could not be read; --force saves the rest without them");
-  if (doc.head_->docType_->get() == "webm") {
-    // WebM keeps its element order and the header's small Void.
-    doc.setFileFormat(kFileFormatWebm);
-    doc.head_->docType_->clearVoids();
-    doc.head_->docType_->addVoid(2);
-  }
-  if (o.crc32) {
-    doc.setCrc32(true, kCrc32LittleEndian);
-  } else {
-    MemoryStorage memory;
-    doc.optimize(memory);
-  }
-  std::string error;
-  TempOutput temp;
-  if (!temp.create(o.output, error)) return fail(error);
-  uint64_t after = 0;
-  {
-    FileStorage out(temp.path(), File::kReadWrite);
-    if (!out.file().isOpen()) return fail("cannot open " + o.output + " for writing");
-    ReceiptPtr r = doc.save(out);
-    after = out.file().size();
-    out.file().close();
-    if (!r || out.file().hadWriteError()) return fail("writing " + o.output + " failed (disk full?)");
-  }
-  if (!temp.commit(error)) return fail(error);
-  if (!damage.empty())
-    std::cout << o.input << ": dropped the damaged " << describeDamage(damage, before) << "\n";
-  std::cout << o.input << ": " << before << " bytes\n" << o.output << ": " << after << " bytes ("
-            << std::showpos << static_cast<int64_t>(after) - static_cast<int64_t>(before) << std::noshowpos
-            << ")\n";
   return 0;
 }
 
