@@ -338,7 +338,7 @@ def check_readers(src, out, kind, src_probe, out_probe, frame_tol, optimized):
     carried_types = {t["type"] for t in stracks if t["type"] in ("video", "audio")}
     if not stracks:  # mkvmerge cannot read every source (MP3 in WAV): take ffprobe's word for the types
         carried_types = {s["codec_type"] for s in src_probe.get("streams", []) if s["codec_type"] in ("video", "audio")}
-    if not optimized and {t["type"] for t in oj.get("tracks", [])} != carried_types:
+    if not optimized and sorted(t["type"] for t in oj.get("tracks", [])) != sorted(carried_types):
         problems.append(f"mkvmerge: track types {sorted(t['type'] for t in otracks)} for source {sorted(carried_types)}")
     if optimized and [(t["type"], t["codec"]) for t in otracks] != [(t["type"], t["codec"]) for t in stracks]:
         problems.append("mkvmerge: tracks differ")
@@ -434,6 +434,12 @@ def main():
                 os.remove(out)
             cmd = [kapsel, "optimize", src, out] if kind == "opt" else [kapsel, "mux", "-q", src, "-o", out]
             r = run(cmd)
+            leftovers = [f for f in os.listdir(work) if ".kapsel-" in f]
+            if leftovers:
+                failed = True
+                print(f"  {name} {kind}: temporary file left behind: {leftovers[0]}")
+                for f in leftovers:
+                    os.remove(os.path.join(work, f))
             if want == "refused" or r.returncode != 0:
                 ok = want == "refused" and r.returncode == 1 and not os.path.exists(out)
                 rows.append((name, kind, "refused" if ok else "FAIL", "-", "-"))
