@@ -141,6 +141,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!file.empty() && !check.file().load(file.data(), static_cast<unsigned long>(file.size())))
       fuzz::finding("the written file cannot be read");
   }
+  // KAPSEL_FUZZ_KEEP=path keeps a copy of the written file, to look at with other readers.
+  if (const char* keep = std::getenv("KAPSEL_FUZZ_KEEP"))
+    if (FILE* out = std::fopen(keep, "wb")) {
+      std::fwrite(file.data(), 1, file.size(), out);
+      std::fclose(out);
+    }
   if (file.empty()) return 0;
   size_t pos = 0;
   uint64_t id = 0, len = 0;
