@@ -58,6 +58,10 @@ CLIPS = [
     ("mpeg4_bf_avi", "mpeg4_bf.avi",
      [["ffmpeg", *V("25"), *A(), "-c:v", "mpeg4", "-bf", "2", "-vtag", "XVID", "-c:a", "libmp3lame", "-shortest"]],
      {"mkv": "ok"}),
+    # libxvid with B-frames writes them packed (P and B in one chunk, then a placeholder), as old AVI files have them.
+    ("xvid_packed_avi", "xvid_packed.avi",
+     [["ffmpeg", *V("25"), *A(), "-c:v", "libxvid", "-bf", "2", "-g", "12", "-c:a", "libmp3lame", "-shortest"]],
+     {"mkv": "ok"}),
     ("vp8_vorbis_ffmpeg", "vp8_vorbis.webm", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest"]],
      {"mkv": "ok", "webm": "ok", "opt": "ok"}),
     ("vp8_vorbis_mkvmerge", "vp8_vorbis_mkvmerge.webm",
