@@ -27,10 +27,12 @@ struct MuxOptions {
 struct InfoOptions {
   std::string file;
   int depth = -1;
-  bool noBlocks = false;
-  bool json = false;
+  bool blocks = false;     // list every block (otherwise clusters are skipped, not kept in memory)
+  bool noBlocks = false;   // the default, said explicitly
+  bool json = false;       // a summary for scripts
+  bool tree = false;       // with json: the element tree instead
   bool seekHead = false;
-  bool progress = false;
+  std::string progress;    // for progressMode()
 };
 
 struct OptimizeOptions {

@@ -111,7 +111,7 @@ class TreePrinter : public IElementCrawler {
  public:
   TreePrinter(const InfoOptions& o, std::ostream& out) : o_(o), out_(out) { stack_.push_back(json::array()); }
   bool eval(IElement& e) override {
-    if (o_.noBlocks && (e.getId() == 0xA3 || e.getId() == 0xA0 || e.getId() == 0xAF)) return false;
+    if (!o_.blocks && (e.getId() == 0xA3 || e.getId() == 0xA0 || e.getId() == 0xAF)) return false;
     ReceiptPtr r = e.storageReceipt();
     // Members the file did not contain have no receipt: they are not shown.
     if (!r) return false;
@@ -186,8 +186,8 @@ int runInfo(const InfoOptions& o) {
   if (!in.file().isOpen()) return fail("cannot open " + o.file);
   const uint64_t size = in.file().size();
   MatroskaDoc doc;
-  LoadWithProgress progress(size);
-  IDelegateLoad* delegate = o.progress ? &progress : nullptr;
+
+  IDelegateLoad* delegate = nullptr;
   bool loaded;
   if (o.seekHead) {
     loaded = doc.loadSeekHead(in, size);
@@ -195,7 +195,7 @@ int runInfo(const InfoOptions& o) {
   } else {
     loaded = doc.loadAndKeepReceipts(in, size, delegate) > 0;
   }
-  if (o.progress) std::cout << "\n";
+
   if (!doc.head_.storageReceipt() || doc.head_->docType_->get().empty())
     return fail(o.file + " is not a Matroska or WebM file");
   if (!loaded && o.seekHead) return fail(o.file + " has no seek head");

@@ -79,13 +79,15 @@ int main(int argc, char** argv) {
   addProgressOption(muxCmd, mux.progress);
 
   InfoOptions info;
-  auto* infoCmd = app.add_subcommand("info", "Print the element tree of a Matroska or WebM file");
+  auto* infoCmd = app.add_subcommand("info", "Print the structure and tracks of a Matroska or WebM file");
   infoCmd->add_option("file", info.file, "File to inspect")->required();
   infoCmd->add_option("--depth", info.depth, "Deepest level printed (0 = top level only)");
-  infoCmd->add_flag("--no-blocks", info.noBlocks, "Leave blocks out");
-  infoCmd->add_flag("--json", info.json, "Print JSON");
+  auto* blocksFlag = infoCmd->add_flag("--blocks", info.blocks, "Also list every block");
+  infoCmd->add_flag("--no-blocks", info.noBlocks, "Leave blocks out (the default)")->excludes(blocksFlag);
+  infoCmd->add_flag("--json", info.json, "Print a JSON summary (tracks, chapters, tags, attachments)");
+  infoCmd->add_flag("--tree", info.tree, "With --json: the element tree instead of the summary");
   infoCmd->add_flag("--seek-head", info.seekHead, "Load only what the seek head names");
-  infoCmd->add_flag("--progress", info.progress, "Print the loading progress line");
+  addProgressOption(infoCmd, info.progress);
 
   OptimizeOptions opt;
   auto* optCmd = app.add_subcommand("optimize", "Drop padding and CRC-32 elements, re-lace blocks, and save (lossless)");
