@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (doc.segments_.empty()) return 0;
     if (!fuzz::saveTo(doc, output)) fuzz::finding("a loaded document could not be saved");
     // Dumped after the save: the save itself drops references whose target never loaded.
-    const std::string first = fuzz::dump(doc);
+    const std::string first = fuzz::dump(doc, true);
     FileStorage again(output.path(), File::kReadOnly);
     MatroskaDoc reloaded;
     reloaded.setKeepUnknown(true);

@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The last input byte picks the CRC-32 byte order, so both orders are exercised.
   doc.setCrc32(true, size > 0 && (data[size - 1] & 1) ? kCrc32LittleEndian : kCrc32BigEndian);
   if (!fuzz::saveTo(doc, output)) fuzz::finding("an optimised document could not be saved");
-  const std::string first = fuzz::dump(doc);
+  const std::string first = fuzz::dump(doc, true);
   FileStorage again(output.path(), File::kReadOnly);
   MatroskaDoc reloaded;
   reloaded.load(again, again.file().size());

@@ -30,7 +30,7 @@ for t in "${targets[@]}"; do
   if "$build/$t" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -dict="$root/fuzz/matroska.dict" \
       -artifact_prefix="$work/artifacts/" -print_final_stats=1 "$work/corpus" "${seeds[@]}" >"$work/fuzz.log" 2>&1; then
     echo "ok   $t: $(grep -m1 -o 'stat::number_of_executed_units: [0-9]*' "$work/fuzz.log" | cut -d' ' -f2) runs," \
-      "$(grep -E '#[0-9]+' "$work/fuzz.log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+')"
+      "$(grep -E '^#[0-9]+.*cov:' "$work/fuzz.log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+')"
   else
     echo "FAIL $t: $(ls "$work/artifacts")"
     grep -m3 -E "ERROR|ORACLE|SUMMARY" "$work/fuzz.log" || true

@@ -28,6 +28,6 @@ for t in "${targets[@]}"; do
     [ $((SECONDS - began)) -ge 5 ] || break  # fails at once: a seed itself is a finding
   done
   echo "   runs: $(grep -o 'number_of_executed_units: [0-9]*' "$build/long/$t.log" | awk '{s+=$2} END {print s}')," \
-    "last: $(grep -E '#[0-9]+' "$build/long/$t.log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+')," \
+    "last: $(grep -E '^#[0-9]+.*cov:' "$build/long/$t.log" | tail -1 | grep -oE 'cov: [0-9]+ ft: [0-9]+')," \
     "findings: $(ls "$build/long/$t-artifacts" | tr '\n' ' ')"
 done
