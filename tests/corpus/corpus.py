@@ -10,7 +10,6 @@ import functools
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
 import time
@@ -457,7 +456,8 @@ def main():
                     print(f"  {name} opt: {p}")
                 failed |= bool(probs or readers)
                 continue
-            out = os.path.join(work, f"{os.path.splitext(fname)[0]}.{kind}.{'mkv' if kind == 'mkv' else 'webm' if kind == 'webm' or src.endswith('.webm') else 'mkv'}")
+            ext = kind if kind in ("mkv", "webm") else os.path.splitext(fname)[1][1:]
+            out = os.path.join(work, f"{os.path.splitext(fname)[0]}.{kind}.{ext}")
             if os.path.exists(out):
                 os.remove(out)
             cmd = ([kapsel, "optimize", src, out] if kind == "opt" else [kapsel, "optimize", "--crc32", src, out]
