@@ -94,12 +94,18 @@ bool Optimizer::eval(IElement& element) {
       VEltPosition& pos = *cluster->position_;
       pos.setElt(nullptr);
       pos.setOrigin(nullptr);
-      // A loaded value would be stale once blocks shrink.
+      // Loaded positions and sizes would be stale once blocks shrink.
       pos.setPosition(uintMax[8]);
+      cluster->position_.clearAlwaysSave();
+      cluster->prevSize_->set(cluster->prevSize_->getDefault());
+      cluster->prevSize_.clearAlwaysSave();
     }
   } else if (id == 0xB7) {
     // Offsets inside clusters move when blocks shrink.
-    if (auto* pos = dynamic_cast<CueTrkPos*>(&element.getPayload())) pos->relativePosition_->set(pos->relativePosition_->getDefault());
+    if (auto* pos = dynamic_cast<CueTrkPos*>(&element.getPayload())) {
+      pos->relativePosition_->set(pos->relativePosition_->getDefault());
+      pos->relativePosition_.clearAlwaysSave();
+    }
   } else if (id == 0xA3) {
     if (auto* e = dynamic_cast<Cluster::SimpleBlockElt*>(&element)) optimizeBlock(*e);
   } else if (id == 0xA1) {

@@ -448,6 +448,8 @@ uint64_t IElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoa
         crc32Found_ = kCrc32FoundLittleEndian;
     }
   }
+  // A lossless load writes back what the file holds, explicit default values included.
+  if (t_load.keepUnknown) flags_ |= kAlwaysSave;
   if (delegate && receipt_->numBytes() > 0) delegate->loaded(*this);
   return receipt_->numBytes();
 }

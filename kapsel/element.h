@@ -133,6 +133,8 @@ class IElement {
   virtual ReceiptPtr crc32Receipt() const;
   virtual void discardReceipts();
 
+  // Undoes alwaysSave(): the element is written only when it differs from its default again.
+  void clearAlwaysSave() { flags_ &= ~static_cast<uint32_t>(kAlwaysSave); }
   bool shouldComputeCrc32() const;
   uint64_t loadCrc32(FileStorage& storage, uint64_t bytesToRead);
   uint32_t storedChecksum() const { return checksum_; }

@@ -168,7 +168,10 @@ void Segment::dropDanglingReferences() {
     return point->positions_.empty();
   });
   for (auto& cluster : clusters_)
-    if (cluster->position_->isDangling()) cluster->position_->setPosition(uintMax[8]);
+    if (cluster->position_->isDangling()) {
+      cluster->position_->setPosition(uintMax[8]);
+      cluster->position_.clearAlwaysSave();
+    }
 }
 
 bool Segment::followSeekHeads(FileStorage& storage, const IElement& origin) {
