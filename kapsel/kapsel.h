@@ -13,5 +13,6 @@
 #include "kapsel/cluster.h"
 #include "kapsel/crawlers.h"
 #include "kapsel/document.h"
+#include "kapsel/edit.h"
 #include "kapsel/segment.h"
 #include "kapsel/tracks.h"

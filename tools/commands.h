@@ -45,6 +45,8 @@ struct OptimizeOptions {
 int runMux(const MuxOptions& options, const std::string& programPath);
 int runInfo(const InfoOptions& options);
 int runOptimize(const OptimizeOptions& options);
+// The arguments after "edit", in order: track options apply to the --track before them.
+int runEdit(const std::vector<std::string>& args);
 
 // One line on standard error, the way every failure is reported.
 int fail(const std::string& message);

@@ -96,6 +96,11 @@ int main(int argc, char** argv) {
   optCmd->add_flag("--crc32", opt.crc32, "Write CRC-32 elements (RFC 8794 byte order) instead of optimising");
   optCmd->add_flag("--force", opt.force, "Save a damaged input anyway, without the parts that could not be read");
 
+  // Track options belong to the --track before them, so edit reads its arguments in order itself.
+  auto* editCmd = app.add_subcommand("edit", "Change title, tracks, tags and chapters in place (see kapsel edit --help)");
+  editCmd->prefix_command();
+  editCmd->set_help_flag();
+
   if (const int status = parseCommandLine(app, argc, argv); status >= 0) return status;
 
   installSignalHandlers();
@@ -118,5 +123,6 @@ int main(int argc, char** argv) {
     return runMux(mux, argv[0]);
   }
   if (*infoCmd) return runInfo(info);
+  if (*editCmd) return runEdit(editCmd->remaining());
   return runOptimize(opt);
 }
