@@ -252,7 +252,10 @@ bool parseTagList(const std::string& text, std::vector<std::pair<std::string, st
       error = "line " + std::to_string(number) + ": expected NAME=VALUE";
       return false;
     }
-    out.emplace_back(line.substr(0, eq), line.substr(eq + 1));
+    if (eq + 1 == line.size())
+      out.emplace_back(line.substr(0, eq), std::nullopt);
+    else
+      out.emplace_back(line.substr(0, eq), line.substr(eq + 1));
   }
   return true;
 }

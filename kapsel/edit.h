@@ -31,7 +31,7 @@ struct EditRequest {
 
 // Lines "hh:mm:ss.mmm[-hh:mm:ss.mmm] Name"; blank lines and lines starting with # are passed over.
 bool parseChapterList(const std::string& text, std::vector<EditRequest::Chapter>& out, std::string& error);
-// Lines "NAME=VALUE"; blank lines and lines starting with # are passed over.
+// Lines "NAME=VALUE" ("NAME=" removes); blank lines and lines starting with # are passed over.
 bool parseTagList(const std::string& text, std::vector<std::pair<std::string, std::optional<std::string>>>& out,
                   std::string& error);
 
