@@ -15,7 +15,12 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 for t in "${targets[@]}"; do
   mkdir -p "$build/long/$t" "$build/long/$t-artifacts"
   seeds=("$root/fuzz/corpus/$t")
-  [ -d "$root/fuzz/regressions/$t" ] && seeds+=("$root/fuzz/regressions/$t")
+  # Regression inputs that still fail would stop every start; only those that pass seed the run.
+  for r in "$root/fuzz/regressions/$t"/*; do
+    [ -f "$r" ] || continue
+    "$build/$t" -rss_limit_mb=2048 -timeout=10 "$r" >/dev/null 2>&1 && cp "$r" "$build/long/$t/" ||
+      echo "   still failing: ${r#$root/}"
+  done
   echo "== $t: $minutes min (log: $build/long/$t.log)"
   # A finding stops libFuzzer: it starts again on the grown corpus until the time is up.
   end=$((SECONDS + minutes * 60))
