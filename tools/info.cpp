@@ -381,8 +381,22 @@ class Printer {
   uint64_t clusterTime_ = 0;
 };
 
-// Today's element tree as JSON.
-json treeJson(const std::vector<Node>& nodes) {
+// A leaf's value for the JSON tree; null for masters and blocks.
+json leafValue(IElement& e) {
+  IPayload& p = e.getPayload();
+  if (auto* v = dynamic_cast<VUInt*>(&p)) return v->get();
+  if (auto* v = dynamic_cast<VDate*>(&p)) return isoDate(v->getTime());
+  if (auto* v = dynamic_cast<VInt*>(&p)) return v->get();
+  if (auto* v = dynamic_cast<VFloat*>(&p)) return std::isfinite(v->get()) ? json(v->get()) : json(nullptr);
+  if (auto* v = dynamic_cast<VString*>(&p)) return unpadded(v->get());
+  if (auto* v = dynamic_cast<VBytes<16>*>(&p)) return hexBytes(v->get().data(), 16);
+  if (auto* v = dynamic_cast<VBytes<4>*>(&p)) return hexBytes(v->get().data(), 4);
+  if (auto* v = dynamic_cast<VBinary*>(&p)) return json{{"bytes", v->numBytes()}};
+  return nullptr;
+}
+
+// The element tree as JSON.
+json treeJson(const std::vector<Node>& nodes, int maxDepth) {
   std::vector<json> stack{json::array()};
   std::vector<uint64_t> ends;
   auto close = [&] {
@@ -393,14 +407,20 @@ json treeJson(const std::vector<Node>& nodes) {
   };
   for (const Node& n : nodes) {
     while (!ends.empty() && ends.back() <= n.position) close();
+    const bool shown = maxDepth < 0 || static_cast<int>(ends.size()) <= maxDepth;
     const uint64_t id = n.kind == Node::Crc ? 0xBF : n.e->getId();
     json node{{"name", n.kind == Node::Crc ? "CRC-32" : n.e->getName()},
               {"id", hexId(id)},
               {"position", n.position},
               {"size", n.size},
               {"header", n.header}};
-    if (n.kind == Node::Crc) node["crc32"] = n.e->crc32Order() == kCrc32Mismatch ? "mismatch" : "ok";
-    stack.back().push_back(node);
+    if (n.kind == Node::Crc || n.e->crc32Receipt())
+      node["crc32"] = n.e->crc32Order() == kCrc32Mismatch ? "mismatch" : "ok";
+    if (n.kind == Node::Element) {
+      json value = leafValue(*n.e);
+      if (!value.is_null()) node["value"] = std::move(value);
+    }
+    if (shown) stack.back().push_back(node);
     if (n.kind == Node::Element && n.e->getPayload().isComposite()) {
       stack.push_back(json::array());
       ends.push_back(n.position + n.size);
@@ -642,6 +662,7 @@ int runInfo(const InfoOptions& o) {
   } else {
     loaded = doc.loadAndKeepReceipts(in, size, &skipper) > 0;
   }
+  progress.update(size);
   progress.finish(true);
   if (!doc.head_.storageReceipt() || doc.head_->docType_->get().empty())
     return fail(o.file + " is not a Matroska or WebM file");
@@ -656,7 +677,7 @@ int runInfo(const InfoOptions& o) {
     doc.eval(collector);
     collector.sort();
     if (o.json) {
-      json out{{"file", o.file}, {"size", size}, {"elements", treeJson(collector.nodes)}};
+      json out{{"file", o.file}, {"size", size}, {"elements", treeJson(collector.nodes, o.depth)}};
       std::cout << out.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
     } else {
       uint64_t scale = 1000000;
