@@ -1,6 +1,11 @@
 #include "kapsel/edit.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -284,6 +289,7 @@ struct InPlaceEditor::State {
   std::vector<std::string> actions;
   uint64_t appended = 0;
   bool planned = false;
+  std::string snapshot;  // the loaded elements' bytes, at their positions in an otherwise empty (sparse) file
 
   long find(uint64_t id) const {
     for (size_t i = 0; i < elements.size(); ++i)
@@ -293,7 +299,11 @@ struct InPlaceEditor::State {
 };
 
 InPlaceEditor::InPlaceEditor() : s_(new State) {}
-InPlaceEditor::~InPlaceEditor() { delete s_; }
+InPlaceEditor::~InPlaceEditor() {
+  s_->changes.clear();
+  if (!s_->snapshot.empty()) std::remove(s_->snapshot.c_str());
+  delete s_;
+}
 const std::vector<std::string>& InPlaceEditor::actions() const { return s_->actions; }
 const std::vector<TopElement>& InPlaceEditor::elements() const { return s_->elements; }
 bool InPlaceEditor::isWebm() const { return s_->webm; }
@@ -429,7 +439,32 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
   s.actions.clear();
   s.appended = 0;
   s.planned = false;
-  FileStorage storage(s.path, File::kReadOnly);
+  // Loaded binaries hold their bytes by reference to where they were read. They are read from a copy at the same
+  // positions, so that writing over the file cannot change them before they are written out.
+  if (s.snapshot.empty()) {
+    std::string name = (std::filesystem::temp_directory_path() / "kapsel-edit-XXXXXX").string();
+    const int fd = mkstemp(name.data());
+    if (fd < 0) {
+      error = "cannot create a temporary file";
+      return false;
+    }
+    close(fd);
+    s.snapshot = name;
+  }
+  {
+    RawReader in(s.path);
+    std::ofstream out(s.snapshot, std::ios::binary | std::ios::trunc);
+    for (const auto& t : s.elements) {
+      if (t.id != kIdInfo && t.id != kIdTracks && t.id != kIdTags && t.id != kIdChapters) continue;
+      std::vector<char> bytes(t.size);
+      out.seekp(static_cast<std::streamoff>(t.position));
+      if (!in.read(t.position, bytes.data(), t.size) || !out.write(bytes.data(), static_cast<std::streamsize>(t.size))) {
+        error = "cannot copy the elements to change to " + s.snapshot;
+        return false;
+      }
+    }
+  }
+  FileStorage storage(s.snapshot, File::kReadOnly);
   std::vector<TByteRange> damaged;
   LoadScope scope(true, &damaged, s.fileSize);
 

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "kapsel/kapsel.h"
 #include "support/readers.h"
 
 using namespace kapsel_test;
@@ -24,6 +25,24 @@ nlohmann::json mkvmerge(const std::string& file) {
   return j;
 }
 
+// Top-level elements with a CRC-32 that matches, stored least significant byte first; -1 when one does not.
+int littleEndianCrcs(const std::string& file) {
+  Kapsel::FileStorage storage(file, Kapsel::File::kReadOnly);
+  Kapsel::MatroskaDoc doc;
+  doc.setKeepUnknown(true);
+  doc.loadAndKeepReceipts(storage, storage.file().size());
+  struct Count : Kapsel::IElementCrawler {
+    int n = 0;
+    bool eval(Kapsel::IElement& e) override {
+      if (e.crc32Order() == Kapsel::kCrc32FoundLittleEndian) ++n;
+      if (e.crc32Order() == Kapsel::kCrc32Mismatch || e.crc32Order() == Kapsel::kCrc32FoundBigEndian) n = -1000;
+      return false;
+    }
+  } count;
+  for (auto& segment : doc.segments_) segment->eval(count);
+  return count.n < 0 ? -1 : count.n;
+}
+
 }  // namespace
 
 TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
@@ -37,6 +56,10 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
   ASSERT_EQ(kapsel("mux -q " + shellQuote(ff) + " -o " + shellQuote(ours) +
                    " --meta title='A title long enough' --meta ARTIST='Somebody with a long name'"
                    " --chapter 0=Intro --chapter 0.5=Rest").exitCode, 0);
+  const std::string crc = dir.path("crc.mkv");
+  ASSERT_EQ(kapsel("optimize --crc32 " + shellQuote(ff) + " " + shellQuote(crc)).exitCode, 0);
+  const int crcs = littleEndianCrcs(crc);
+  ASSERT_GE(crcs, 4);
   {
     std::ofstream chapters(dir.path("chapters.txt"));
     chapters << "# name times\n00:00:00.000-00:00:00.400 One\n00:00:00.400 Two\n";
@@ -49,6 +72,7 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
   } cases[] = {
       {ff, full, true, true},
       {mm, full, true, true},
+      {crc, full, true, true},
       // Our files leave no room to grow into: what shrinks is done in place.
       {ours, "--title Hello --tag ARTIST=Me --remove-chapters", false, false},
   };
@@ -98,6 +122,8 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
     } else {
       EXPECT_TRUE(p["chapters"].empty());
     }
+    // CRC-32s are recomputed in the order they had; the new Chapters has none.
+    if (c.file == crc) EXPECT_EQ(littleEndianCrcs(crc), crcs);
     CommandResult info = mkvinfo(c.file);
     EXPECT_EQ(info.exitCode, 0) << info.out;
   }
