@@ -201,20 +201,44 @@ class Collector : public IElementCrawler {
   bool eval(IElement& e) override {
     add(e);
     IPayload& p = e.getPayload();
-    if (e.crc32Receipt()) {
-      ReceiptPtr c = e.crc32Receipt();
-      nodes.push_back({Node::Crc, c->position(), c->numBytes(), 2, &e});
+    ReceiptPtr c = e.crc32Receipt();
+    if (c) nodes.push_back({Node::Crc, c->position(), c->numBytes(), 2, &e});
+    for (auto& v : p.voids()) add(v);
+    ReceiptPtr r = e.storageReceipt(), pr = e.payloadReceipt();
+    if (r) {
+      // Unknown elements keep no position: they stand where the file continues after what precedes them.
+      uint64_t at = pr ? pr->position() : r->position();
+      if (c && c->position() == at) at += c->numBytes();
+      addOpaques(p, true, at);
+      addOpaques(p, false, r->position() + r->numBytes());
     }
-    addExtras(p);
     if (p.isComposite()) evalPayload(p);
     return false;
   }
 
-  void addExtras(IPayload& p) {
-    for (auto& v : p.voids()) add(v);
-    for (bool leading : {true, false})
-      if (const auto* list = p.opaques(leading))
-        for (const auto& o : *list) add(const_cast<OpaqueElement&>(o));
+  void addOpaques(IPayload& p, bool leading, uint64_t at) {
+    const auto* list = p.opaques(leading);
+    if (!list) return;
+    for (const auto& o : *list) {
+      for (bool moved = true; moved;) {
+        moved = false;
+        for (auto& v : p.voids())
+          if (v.storageReceipt() && v.storageReceipt()->position() == at) {
+            at += v.storageReceipt()->numBytes();
+            moved = true;
+          }
+      }
+      const uint64_t size = o.calcSize();
+      nodes.push_back({Node::Element, at, size, size - o.getPayload().calcSize(), const_cast<OpaqueElement*>(&o)});
+      at += size;
+    }
+  }
+
+  // What the document holds beside its EBML header and segments.
+  void addDocument(MatroskaDoc& doc) {
+    for (auto& v : doc.voids()) add(v);
+    addOpaques(doc, true, 0);
+    doc.eval(*this);
   }
 
   // Sorted by position, each element once (a file loaded through its seek head may hold one twice).
@@ -284,8 +308,8 @@ class Printer {
     if (c.load(in_, std::max<uint64_t>(r->numBytes(), 1), nullptr) == 0) return;
     clusterTime_ = c->timecode_->get();
     Collector collector;
-    collector.addExtras(c.getPayload());
-    collector.evalPayload(c.getPayload());
+    collector.eval(c);
+    collector.nodes.erase(collector.nodes.begin());  // the cluster itself, printed already
     collector.sort();
     print(collector.nodes, depth, out);
   }
@@ -673,8 +697,7 @@ int runInfo(const InfoOptions& o) {
     std::cout << summary(doc, size, skipper, damage).dump(2, ' ', false, json::error_handler_t::replace) << "\n";
   } else {
     Collector collector;
-    collector.addExtras(doc);
-    doc.eval(collector);
+    collector.addDocument(doc);
     collector.sort();
     if (o.json) {
       json out{{"file", o.file}, {"size", size}, {"elements", treeJson(collector.nodes, o.depth)}};
