@@ -204,6 +204,7 @@ TEST(KapselInfo, WritersFilesReadAsTheIndependentReadersReadThem) {
     }
     if (file == ff) {
       EXPECT_NE(r.out.find("CRC-32 [0xBF]"), std::string::npos);
+      EXPECT_NE(r.out.find(": ok (little-endian)"), std::string::npos);
     }
   }
   const json mmSummary = json::parse(kapsel("info --json " + shellQuote(mm)).out);
@@ -215,6 +216,30 @@ TEST(KapselInfo, WritersFilesReadAsTheIndependentReadersReadThem) {
   const json ffSummary = json::parse(kapsel("info --json " + shellQuote(ff)).out);
   EXPECT_EQ(ffSummary["container"]["title"], "FF");
   EXPECT_EQ(ffSummary["tracks"][1]["language"], "fre");
+
+  // A Void turned into an element no table knows is shown in its place, by ID; a changed byte fails a CRC-32.
+  const json tree = json::parse(kapsel("info --json --tree --depth 1 " + shellQuote(ff)).out);
+  std::vector<unsigned char> bytes = readFile(ff);
+  uint64_t voidAt = 0, voidSize = 0, infoAt = 0;
+  for (const auto& e : tree["elements"][1]["children"]) {
+    if (e["name"] == "Void" && !voidAt) {
+      voidAt = e["position"];
+      voidSize = e["size"];
+    }
+    if (e["name"] == "SegInfo") infoAt = e["position"];
+  }
+  ASSERT_TRUE(voidSize >= 4 && voidSize < 0x3FFF && infoAt);
+  bytes[voidAt] = 0x7A;
+  bytes[voidAt + 1] = 0xBC;
+  bytes[voidAt + 2] = static_cast<unsigned char>(0x40 | (voidSize - 4) >> 8);
+  bytes[voidAt + 3] = static_cast<unsigned char>((voidSize - 4) & 0xFF);
+  bytes[infoAt + 20] ^= 0x01;  // inside SegInfo, past its CRC-32
+  const std::string changed = dir.path("changed.mkv");
+  writeFile(changed, bytes);
+  const std::string text = kapsel("info --depth 2 " + shellQuote(changed)).out;
+  EXPECT_NE(text.find("\n  Unknown [0x7ABC] @" + std::to_string(voidAt) + " size " + std::to_string(voidSize) +
+                      " (header 4, data " + std::to_string(voidSize - 4) + ")\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(": mismatch\n"), std::string::npos);
 
   // A cut file: what could be read is printed, then one line naming the damage, and status 3.
   const std::vector<unsigned char> whole = readFile(ours);
