@@ -97,6 +97,8 @@ struct SeekHeadMap {
   bool littleEndianCrc = false;
   bool plain = true;  // nothing but Seek entries, a CRC-32 and Voids
   bool changed = false;
+  bool relocated = false;  // written into a Void before the clusters instead of its own place
+  uint64_t target = 0;
 };
 
 uint64_t readUInt(const unsigned char* p, uint64_t n) {
@@ -274,6 +276,13 @@ struct InPlaceEditor::State {
   bool segmentUnknown = false, segmentLast = false;
   std::vector<TopElement> elements;
   std::vector<SeekHeadMap> seekHeads;
+  uint64_t firstCluster = 0;  // where the clusters start (the Segment's end without any)
+  // Voids before the clusters that moved elements take from the front; what is left stays a Void.
+  struct Gap {
+    uint64_t position, size;
+    bool used;
+  };
+  std::vector<Gap> gaps;
 
   // The model of each changed element and where it goes.
   struct Change {
@@ -379,6 +388,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
     if (id == kIdVoidElt && !s.elements.empty() && s.elements.back().id != kIdVoidElt &&
         s.elements.back().voidAfter == 0)
       s.elements.back().voidAfter = hb + size;
+    if (id == kIdCluster && s.firstCluster == 0) s.firstCluster = pos;
     s.elements.push_back(TopElement{id, pos, hb + size, 0});
     if (id == kIdSeekHead) {
       SeekHeadMap map;
@@ -620,13 +630,44 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
     change(kIdChapters, chapters, i);
   }
 
-  // Where each changed element goes.
+  // Where each changed element goes: into free Voids before the clusters when elementsIntoVoids, else at the end.
+  auto place = [&](bool elementsIntoVoids, std::string& error) -> bool {
+  s.actions.clear();
+  s.appended = 0;
+  for (auto& c : s.changes) c.moved = false, c.target = c.room = 0;
   std::vector<SeekHeadMap> heads = s.seekHeads;
   auto seekHeadFor = [&](uint64_t id, uint64_t relative) -> SeekHeadMap* {
     for (auto& h : heads)
       for (auto& e : h.entries)
         if (e.id == id && e.position == relative) return &h;
     return nullptr;
+  };
+  if (s.firstCluster == 0) s.firstCluster = s.segmentPayload + s.segmentSize;
+  s.gaps.clear();
+  // Free Voids: before the clusters, and not the room of an element that changes or of a seek head.
+  for (size_t j = 1; j < s.elements.size(); ++j) {
+    const TopElement& v = s.elements[j];
+    if (v.id != kIdVoidElt || v.position >= s.firstCluster || s.elements[j - 1].voidAfter == v.size) continue;
+    s.gaps.push_back(State::Gap{v.position, v.size, false});
+  }
+  for (size_t j = 0; j + 1 < s.elements.size(); ++j) {
+    bool reserved = s.elements[j].id == kIdSeekHead;
+    for (const auto& c : s.changes) reserved = reserved || c.index == static_cast<long>(j);
+    if (reserved || s.elements[j].voidAfter == 0 || s.elements[j].id == kIdVoidElt) continue;
+    // The Void after an element that stays is free as well.
+    const TopElement& v = s.elements[j + 1];
+    if (v.position < s.firstCluster) s.gaps.push_back(State::Gap{v.position, v.size, false});
+  }
+  auto allocate = [&](uint64_t need, uint64_t& position) {
+    for (auto& g : s.gaps)
+      if (g.size == need || g.size >= need + 2) {
+        position = g.position;
+        g.position += need;
+        g.size -= need;
+        g.used = true;
+        return true;
+      }
+    return false;
   };
   uint64_t appendAt = s.segmentPayload + s.segmentSize;
   for (auto& c : s.changes) {
@@ -654,7 +695,13 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
         continue;
       }
     }
-    if (c.element) {
+    if (c.element && elementsIntoVoids && allocate(c.newSize, c.target)) {
+      c.moved = true;
+      c.room = c.newSize;
+      s.actions.push_back(std::string(nameOf(c.id)) + (old ? " moved" : " added") + " into the Void at " +
+                          std::to_string(c.target) + " (" + std::to_string(c.newSize) + " bytes)" +
+                          (old ? "; its old place becomes a Void" : ""));
+    } else if (c.element) {
       if (!s.segmentLast || s.segmentUnknown) {
         error = std::string("the new ") + nameOf(c.id) + " does not fit in place and cannot be appended: " +
                 (s.segmentUnknown ? "the Segment's size is unknown" : "the Segment is not the last thing in the file");
@@ -669,6 +716,7 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
                           std::to_string(c.target) + " (" + std::to_string(c.newSize) + " bytes)" +
                           (old ? "; its old place becomes a Void" : ""));
     }
+    if (old && old->position < s.firstCluster) s.gaps.push_back(State::Gap{old->position, old->size + old->voidAfter, false});
     // The seek entries that name it.
     const uint64_t oldRelative = old ? old->position - s.segmentPayload : 0;
     SeekHeadMap* head = old ? seekHeadFor(c.id, oldRelative) : nullptr;
@@ -710,6 +758,16 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
     }
     const std::vector<unsigned char> bytes = seekHeadBytes(h);
     const uint64_t room = t.size + t.voidAfter;
+    bool named = false;
+    for (const auto& other : heads)
+      for (const auto& e : other.entries) named = named || (e.id == kIdSeekHead && e.position == t.position - s.segmentPayload);
+    if (bytes.size() != room && (bytes.size() > room || room - bytes.size() < 2) && !named &&
+        allocate(bytes.size(), h.target)) {
+      h.relocated = true;
+      s.actions.push_back("SeekHead at " + std::to_string(t.position) + " moved into the Void at " +
+                          std::to_string(h.target) + " (" + std::to_string(h.entries.size()) + " entries)");
+      continue;
+    }
     if (bytes.size() != room && (bytes.size() > room || room - bytes.size() < 2)) {
       error = "no room in the SeekHead at " + std::to_string(t.position) + " for its new entries (" +
               std::to_string(bytes.size()) + " bytes needed, " + std::to_string(room) + " there)";
@@ -722,6 +780,13 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
     s.actions.push_back("Segment size " + std::to_string(s.segmentSize) + " -> " +
                         std::to_string(s.segmentSize + s.appended));
   s.seekHeads = heads;
+  return true;
+  };
+  // A seek head that has to move needs a Void too, so a second plan leaves the Voids to it.
+  if (!place(true, error)) {
+    std::string other;
+    if (!place(false, other)) return false;
+  }
   s.planned = true;
   return true;
 }
@@ -758,12 +823,18 @@ bool InPlaceEditor::execute(std::string& error) {
     const TopElement& t = s.elements[h.element];
     std::vector<unsigned char> bytes = seekHeadBytes(h);
     const uint64_t room = t.size + t.voidAfter;
+    if (h.relocated) {
+      ok = ok && writeAt(t.position, voidBytes(room)) && writeAt(h.target, bytes);
+      continue;
+    }
     if (room > bytes.size()) {
       const auto v = voidBytes(room - bytes.size());
       bytes.insert(bytes.end(), v.begin(), v.end());
     }
     ok = ok && writeAt(t.position, bytes);
   }
+  for (const auto& g : s.gaps)
+    if (g.used && g.size > 0) ok = ok && writeAt(g.position, voidBytes(g.size));
   if (s.appended > 0) {
     std::vector<unsigned char> size;
     putSize(size, s.segmentSize + s.appended, s.segmentSizeWidth);

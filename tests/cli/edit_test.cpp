@@ -73,7 +73,8 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
       {ff, full, true, true},
       {mm, full, true, true},
       {crc, full, true, true},
-      // Our files leave no room to grow into: what shrinks is done in place.
+      // Our files leave no padding: elements move to the end, the seek head into the Void after the index.
+      {ours, full, true, true},
       {ours, "--title Hello --tag ARTIST=Me --remove-chapters", false, false},
   };
   for (const auto& c : cases) {
