@@ -124,7 +124,9 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
       EXPECT_TRUE(p["chapters"].empty());
     }
     // CRC-32s are recomputed in the order they had; the new Chapters has none.
-    if (c.file == crc) EXPECT_EQ(littleEndianCrcs(crc), crcs);
+    if (c.file == crc) {
+      EXPECT_EQ(littleEndianCrcs(crc), crcs);
+    }
     CommandResult info = mkvinfo(c.file);
     EXPECT_EQ(info.exitCode, 0) << info.out;
   }
