@@ -695,13 +695,23 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
         continue;
       }
     }
-    if (c.element && elementsIntoVoids && allocate(c.newSize, c.target)) {
+    // Readers want Info and Tracks before the first cluster; WebM readers want Tracks right after Info.
+    const bool header = c.id == kIdInfo || c.id == kIdTracks;
+    if (header && c.element && s.webm) {
+      error = std::string("the new ") + nameOf(c.id) + " does not fit in its place, and in WebM it cannot move";
+      return false;
+    }
+    if (c.element && (elementsIntoVoids || header) && allocate(c.newSize, c.target)) {
       c.moved = true;
       c.room = c.newSize;
       s.actions.push_back(std::string(nameOf(c.id)) + (old ? " moved" : " added") + " into the Void at " +
                           std::to_string(c.target) + " (" + std::to_string(c.newSize) + " bytes)" +
                           (old ? "; its old place becomes a Void" : ""));
     } else if (c.element) {
+      if (header) {
+        error = std::string("the new ") + nameOf(c.id) + " fits neither in its place nor in a Void before the clusters";
+        return false;
+      }
       if (!s.segmentLast || s.segmentUnknown) {
         error = std::string("the new ") + nameOf(c.id) + " does not fit in place and cannot be appended: " +
                 (s.segmentUnknown ? "the Segment's size is unknown" : "the Segment is not the last thing in the file");
@@ -782,7 +792,7 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
   s.seekHeads = heads;
   return true;
   };
-  // A seek head that has to move needs a Void too, so a second plan leaves the Voids to it.
+  // A seek head that has to move needs a Void too, so a second plan leaves the Voids to it (and to Info and Tracks).
   if (!place(true, error)) {
     std::string other;
     if (!place(false, other)) return false;

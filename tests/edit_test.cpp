@@ -41,7 +41,7 @@ Bytes info(const std::string& title) {
 }
 
 struct Layout {
-  Bytes head, seekHead, seekVoid, info, infoVoid, rest, trailer;
+  Bytes head, seekHead, seekVoid, info, infoVoid, rest, trailer, tracks, freeVoid, cluster;
   unsigned char infoPos = 0, tracksPos = 0;
   Bytes file() const {
     const Bytes payload = cat({seekHead, seekVoid, info, infoVoid, rest});
@@ -50,7 +50,7 @@ struct Layout {
   }
 };
 
-Layout layout(size_t seekVoid, bool trailer) {
+Layout layout(size_t seekVoid, bool trailer, size_t freeVoid) {
   Layout l;
   l.head = el({0x1A, 0x45, 0xDF, 0xA3}, cat({el({0x42, 0x86}, {1}), el({0x42, 0xF7}, {1}), el({0x42, 0xF2}, {4}),
                                             el({0x42, 0xF3}, {8}), el({0x42, 0x82}, str("matroska")),
@@ -60,7 +60,10 @@ Layout layout(size_t seekVoid, bool trailer) {
   const Bytes tracks = el(kTracksId, el({0xAE}, cat({el({0xD7}, {1}), el({0x73, 0xC5}, {7}), el({0x83}, {2}),
                                                      el({0x86}, str("A_PCM"))})));
   const Bytes cluster = el({0x1F, 0x43, 0xB6, 0x75}, cat({el({0xE7}, {0}), el({0xA3}, {0x81, 0, 0, 0x80, 0xAA})}));
-  l.rest = cat({tracks, cluster});
+  l.tracks = tracks;
+  if (freeVoid) l.freeVoid = voidOf(freeVoid);
+  l.rest = cat({tracks, l.freeVoid, cluster});
+  l.cluster = cluster;
   const size_t seekHeadSize = el({0x11, 0x4D, 0x9B, 0x74}, cat({seek(kInfoId, 0), seek(kTracksId, 0)})).size();
   l.infoPos = static_cast<unsigned char>(seekHeadSize + seekVoid);
   l.tracksPos = static_cast<unsigned char>(l.infoPos + l.info.size() + l.infoVoid.size());
@@ -82,23 +85,24 @@ TEST(InPlaceEditor, TitleEditsFitGrowMoveOrAreRefused) {
     bool ok;
     std::string refusal;  // part of the message
     bool tag = false;     // a global tag instead of the title: a new Tags element and a new seek entry
+    size_t freeVoid = 0;  // a Void between Tracks and the cluster
   } cases[] = {
       {"same size", 20, false, "xyz", true, ""},
       {"grows into the Void after it", 20, false, "abcd", true, ""},
       {"fills the Void exactly", 20, false, std::string(13, 'q'), true, ""},
-      {"would leave one byte", 20, false, std::string(12, 'q'), true, ""},  // moves to the end instead
       {"shrinks, the Void grows", 20, false, "a", true, ""},
       {"removed", 20, false, "", true, ""},
-      {"moves to the end", 20, false, longTitle, true, ""},
+      {"moves into the free Void before the cluster", 20, false, longTitle, true, "", false, 100},
+      {"would leave one byte; no free Void", 20, false, std::string(12, 'q'), false, "before the clusters"},
       {"new Tags at the end, new seek entry", 20, false, "", true, "", true},
       {"no room in the SeekHead", 0, false, "", false, "no room in the SeekHead", true},
-      {"Segment not last", 20, true, longTitle, false, "not the last"},
+      {"Segment not last", 20, true, "", false, "not the last", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir dir;
     const std::string path = dir.path("f.mkv");
-    const Layout l = layout(c.seekVoid, c.trailer);
+    const Layout l = layout(c.seekVoid, c.trailer, c.freeVoid);
     const Bytes before = l.file();
     writeFile(path, before);
     Kapsel::InPlaceEditor editor;
@@ -139,16 +143,14 @@ TEST(InPlaceEditor, TitleEditsFitGrowMoveOrAreRefused) {
       expected.infoVoid = newInfo.size() == room ? Bytes() : voidOf(room - newInfo.size());
       EXPECT_EQ(after, expected.file());
     } else {
-      // Old place a Void, the Info after the last cluster, its seek entry and the Segment's size changed.
-      const size_t segmentEnd = l.file().size();
-      const size_t newPos = segmentEnd - l.head.size() - 12;
+      // Old place a Void, the Info at the start of the free Void, its seek entry changed.
+      const size_t newPos = l.seekHead.size() + l.seekVoid.size() + room + l.tracks.size();
+      ASSERT_LT(newPos, 256u);
       expected.info = voidOf(room);
       expected.infoVoid.clear();
-      expected.rest = cat({l.rest, newInfo});
-      const Bytes entries = cat({el({0x4D, 0xBB}, cat({el({0x53, 0xAB}, kInfoId), el({0x53, 0xAC}, {static_cast<unsigned char>(newPos)})})),
-                                 seek(kTracksId, l.tracksPos)});
-      expected.seekHead = el({0x11, 0x4D, 0x9B, 0x74}, entries);
-      ASSERT_LT(newPos, 256u);
+      expected.rest = cat({l.tracks, newInfo, voidOf(l.freeVoid.size() - newInfo.size()), l.cluster});
+      expected.seekHead = el({0x11, 0x4D, 0x9B, 0x74}, cat({seek(kInfoId, static_cast<unsigned char>(newPos)),
+                                                           seek(kTracksId, l.tracksPos)}));
       expected.seekVoid = voidOf(l.seekHead.size() + l.seekVoid.size() - expected.seekHead.size());
       EXPECT_EQ(after, expected.file());
     }
