@@ -298,6 +298,7 @@ struct InPlaceEditor::State {
   std::vector<std::string> actions;
   uint64_t appended = 0;
   bool planned = false;
+  bool damaged = false;  // the file could not be read as it claims to be
   std::string snapshot;  // the loaded elements' bytes, at their positions in an otherwise empty (sparse) file
 
   long find(uint64_t id) const {
@@ -316,6 +317,7 @@ InPlaceEditor::~InPlaceEditor() {
 const std::vector<std::string>& InPlaceEditor::actions() const { return s_->actions; }
 const std::vector<TopElement>& InPlaceEditor::elements() const { return s_->elements; }
 bool InPlaceEditor::isWebm() const { return s_->webm; }
+bool InPlaceEditor::damagedInput() const { return s_->damaged; }
 
 bool InPlaceEditor::open(const std::string& path, std::string& error) {
   State& s = *s_;
@@ -367,6 +369,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
   s.segmentSize = unknown ? s.fileSize - s.segmentPayload : size;
   if (s.segmentPayload + s.segmentSize > s.fileSize) {
     error = path + ": the Segment runs past the end of the file (cut short?)";
+    s.damaged = true;
     return false;
   }
   s.segmentLast = s.segmentPayload + s.segmentSize == s.fileSize;
@@ -374,6 +377,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
   for (pos = s.segmentPayload; pos < end;) {
     if (!in.header(pos, id, size, hb, w, unknown) || (!unknown && pos + hb + size > end)) {
       error = path + ": unreadable element at byte " + std::to_string(pos) + " of the Segment's top level";
+      s.damaged = true;
       return false;
     }
     if (unknown) {
@@ -483,7 +487,10 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
     if (i < 0) return -1;
     const TopElement& t = s.elements[static_cast<size_t>(i)];
     storage.file().seek(static_cast<int64_t>(t.position));
-    if (element.load(storage, t.size) != t.size || !damaged.empty()) return -2;
+    if (element.load(storage, t.size) != t.size || !damaged.empty()) {
+      s.damaged = true;
+      return -2;
+    }
     DiscardReceipts discard;
     discard.eval(element);
     return i;

@@ -60,6 +60,8 @@ class InPlaceEditor {
 
   const std::vector<TopElement>& elements() const;
   bool isWebm() const;
+  // Whether open() or plan() failed on damage (a cut-off file, an unreadable element) rather than on lack of room.
+  bool damagedInput() const;
 
  private:
   struct State;

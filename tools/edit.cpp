@@ -122,8 +122,10 @@ int runEdit(const std::vector<std::string>& args) {
 
   Kapsel::InPlaceEditor editor;
   std::string error;
-  if (!editor.open(file, error)) return fail(error);
-  if (!editor.plan(request, error)) return fail(error + "; " + file + " is unchanged");
+  if (!editor.open(file, error) || !editor.plan(request, error)) {
+    if (editor.damagedInput() && dryRun) return damaged(error + "; nothing would be written");
+    return fail(error + "; " + file + " is unchanged");
+  }
   if (dryRun) {
     for (const auto& line : editor.actions()) std::cout << line << "\n";
     return kExitOk;

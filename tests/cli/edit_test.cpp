@@ -142,4 +142,10 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     EXPECT_EQ(readFile(mm), bytes) << args;
   }
+  // A cut-off file: a dry run says so and exits 3, an edit refuses.
+  const std::string cut = dir.path("cut.mkv");
+  writeFile(cut, std::vector<unsigned char>(bytes.begin(), bytes.begin() + 5000));
+  EXPECT_EQ(kapsel("edit " + shellQuote(cut) + " --title X --dry-run").exitCode, 3);
+  EXPECT_EQ(kapsel("edit " + shellQuote(cut) + " --title X").exitCode, 1);
+  EXPECT_EQ(readFile(cut).size(), 5000u);
 }
