@@ -29,6 +29,12 @@ const char* kEditHelp =
     "  --remove-chapters       remove the chapters\n"
     "  --dry-run               say what would be written, write nothing\n";
 
+// Like usageError(), pointing at this command's own help.
+int editUsage(const std::string& message) {
+  note(message + " (see kapsel edit --help)");
+  return kExitUsage;
+}
+
 bool readText(const std::string& path, std::string& text) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
@@ -58,43 +64,43 @@ int runEdit(const std::vector<std::string>& args) {
       return kExitOk;
     }
     if (a.empty() || a[0] != '-') {
-      if (!file.empty()) return usageError("edit takes one file, not '" + file + "' and '" + a + "'");
+      if (!file.empty()) return editUsage("edit takes one file, not '" + file + "' and '" + a + "'");
       file = a;
       continue;
     }
     const bool takesValue = a == "--title" || a == "--track" || a == "--name" || a == "--language" ||
                             a == "--default" || a == "--forced" || a == "--tag" || a == "--tags-file" ||
                             a == "--chapters";
-    if (takesValue && i + 1 >= args.size()) return usageError(a + " needs a value");
+    if (takesValue && i + 1 >= args.size()) return editUsage(a + " needs a value");
     const std::string value = takesValue ? args[++i] : "";
     const bool trackOption = a == "--name" || a == "--remove-name" || a == "--language" || a == "--default" || a == "--forced";
-    if (trackOption && !track) return usageError(a + " needs a --track N before it");
+    if (trackOption && !track) return editUsage(a + " needs a --track N before it");
     bool flag = false;
     if (a == "--title") {
-      if (value.empty()) return usageError("--title needs a text; --remove-title removes it");
+      if (value.empty()) return editUsage("--title needs a text; --remove-title removes it");
       request.title = value;
     } else if (a == "--remove-title") {
       request.title = "";
     } else if (a == "--track") {
       char* end = nullptr;
       const unsigned long long n = std::strtoull(value.c_str(), &end, 10);
-      if (value.empty() || *end || n == 0) return usageError("--track takes a track number, not '" + value + "'");
+      if (value.empty() || *end || n == 0) return editUsage("--track takes a track number, not '" + value + "'");
       request.tracks.emplace_back();
       track = &request.tracks.back();
       track->number = n;
     } else if (a == "--name") {
-      if (value.empty()) return usageError("--name needs a text; --remove-name removes it");
+      if (value.empty()) return editUsage("--name needs a text; --remove-name removes it");
       track->name = value;
     } else if (a == "--remove-name") {
       track->name = "";
     } else if (a == "--language") {
       track->language = value;
     } else if (a == "--default" || a == "--forced") {
-      if (!yesNo(value, flag)) return usageError(a + " takes yes or no, not '" + value + "'");
+      if (!yesNo(value, flag)) return editUsage(a + " takes yes or no, not '" + value + "'");
       (a == "--default" ? track->flagDefault : track->flagForced) = flag;
     } else if (a == "--tag") {
       const size_t eq = value.find('=');
-      if (eq == std::string::npos || eq == 0) return usageError("--tag takes NAME=VALUE, not '" + value + "'");
+      if (eq == std::string::npos || eq == 0) return editUsage("--tag takes NAME=VALUE, not '" + value + "'");
       if (eq + 1 == value.size())
         request.tags.emplace_back(value.substr(0, eq), std::nullopt);
       else
@@ -102,23 +108,23 @@ int runEdit(const std::vector<std::string>& args) {
     } else if (a == "--tags-file") {
       std::string text, error;
       if (!readText(value, text)) return fail("cannot read " + value);
-      if (!Kapsel::parseTagList(text, request.tags, error)) return usageError(value + ": " + error);
+      if (!Kapsel::parseTagList(text, request.tags, error)) return editUsage(value + ": " + error);
     } else if (a == "--chapters") {
       std::string text, error;
       if (!readText(value, text)) return fail("cannot read " + value);
       std::vector<Kapsel::EditRequest::Chapter> chapters;
-      if (!Kapsel::parseChapterList(text, chapters, error)) return usageError(value + ": " + error);
+      if (!Kapsel::parseChapterList(text, chapters, error)) return editUsage(value + ": " + error);
       request.chapters = chapters;
     } else if (a == "--remove-chapters") {
       request.chapters = std::vector<Kapsel::EditRequest::Chapter>();
     } else if (a == "--dry-run") {
       dryRun = true;
     } else {
-      return usageError("unknown edit option '" + a + "' (see kapsel edit --help)");
+      return editUsage("unknown edit option '" + a + "'");
     }
   }
-  if (file.empty()) return usageError("edit needs a FILE (see kapsel edit --help)");
-  if (request.empty()) return usageError("nothing to change (see kapsel edit --help)");
+  if (file.empty()) return editUsage("edit needs a FILE");
+  if (request.empty()) return editUsage("nothing to change");
 
   Kapsel::InPlaceEditor editor;
   std::string error;
