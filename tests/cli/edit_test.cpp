@@ -66,12 +66,23 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
   }
   const std::string full = "--title Hello --track 2 --language ger --name Dub --track 1 --default no --forced yes"
                            " --tag ARTIST=Me --chapters " + shellQuote(dir.path("chapters.txt"));
+  const std::string webm = dir.path("ffmpeg.webm");
+  ASSERT_EQ(runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=10:duration=1 -f lavfi -i "
+                       "sine=duration=1 -c:v libvpx -c:a libvorbis " + shellQuote(webm)).exitCode, 0);
+  {
+    std::ofstream tags(dir.path("tags.txt"));
+    tags << "ARTIST=Me\n";
+  }
   struct Case {
     std::string file, args;
-    bool tracks, chapters;
+    bool tracks, chapters, title = true;
   } cases[] = {
       {ff, full, true, true},
       {mm, full, true, true},
+      // In WebM Info cannot move, so the title stays; tags from a file.
+      {webm, "--track 2 --language ger --name Dub --track 1 --default no --forced yes --tags-file " +
+                 shellQuote(dir.path("tags.txt")) + " --chapters " + shellQuote(dir.path("chapters.txt")),
+       true, true, false},
       // Optimised files have no Voids: only what shrinks can change (Info, and Tags less ENCODER).
       {crc, "--title Hello --tag ENCODER= --tag ARTIST=Me", false, false},
       // Our files leave no padding: elements move to the end, the seek head into the Void after the index.
@@ -96,7 +107,7 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
     nlohmann::json after = mkvmerge(c.file);
     ASSERT_FALSE(after.is_discarded());
     nlohmann::json expected = before;
-    expected["container"]["properties"]["title"] = "Hello";
+    if (c.title) expected["container"]["properties"]["title"] = "Hello";
     if (c.tracks) {
       auto& video = expected["tracks"][0]["properties"];
       auto& audio = expected["tracks"][1]["properties"];
@@ -128,6 +139,9 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
     if (c.file == crc) {
       EXPECT_EQ(littleEndianCrcs(crc), crcs);
     }
+    if (c.file == webm) {
+      EXPECT_EQ(webmInfo(webm).exitCode, 0);
+    }
     CommandResult info = mkvinfo(c.file);
     EXPECT_EQ(info.exitCode, 0) << info.out;
   }
@@ -142,6 +156,12 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     EXPECT_EQ(readFile(mm), bytes) << args;
   }
+  // WebM's Info stays in place: a title that does not fit there is refused.
+  const auto webmBytes = readFile(webm);
+  CommandResult refused = kapsel("edit " + shellQuote(webm) + " --title '" + std::string(200, 'x') + "'");
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.err.find("WebM"), std::string::npos) << refused.err;
+  EXPECT_EQ(readFile(webm), webmBytes);
   // A cut-off file: a dry run says so and exits 3, an edit refuses.
   const std::string cut = dir.path("cut.mkv");
   writeFile(cut, std::vector<unsigned char>(bytes.begin(), bytes.begin() + 5000));
