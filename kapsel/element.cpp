@@ -193,24 +193,24 @@ ReceiptPtr OpaqueElement::save(IStorage& storage, uint64_t sizeBytes) const {
   return IElement::save(storage, sizeBytes ? sizeBytes : std::max<uint64_t>(sizeWidth_, vsizeNumBytes(p)));
 }
 
-// Takes whatever ID starts here, with a known size that fits.
+// Takes whatever ID starts here, with a known size that fits; the receipt says where it stood.
 uint64_t OpaqueElement::load(FileStorage& storage, uint64_t bytesToRead, IDelegateLoad*) {
   File& file = storage.file();
   const uint64_t here = file.absolutePosition();
-  File::Seek guard(file);
-  const uint64_t id = loadEbmlId(storage);
-  if (id == 0) return 0;
+  uint64_t id = 0, size = 0, headerBytes = 0, inFile = 0;
   unsigned sizeBytes = 0;
-  const uint64_t size = vsizeDecode(storage, sizeBytes);
-  if (sizeBytes == 0 || size == ~0ull) return 0;
-  const uint64_t headerBytes = file.absolutePosition() - here;
-  if (headerBytes > bytesToRead || size > bytesToRead - headerBytes || size > remainingInFile(storage)) return 0;
+  {
+    File::Seek guard(file);
+    id = loadEbmlId(storage);
+    if (id != 0) size = vsizeDecode(storage, sizeBytes);
+    headerBytes = file.absolutePosition() - here;
+    inFile = remainingInFile(storage);
+  }
+  if (id == 0 || sizeBytes == 0 || size == ~0ull) return 0;
+  if (headerBytes > bytesToRead || size > bytesToRead - headerBytes || size > inFile) return 0;
   id_ = id;
   sizeWidth_ = sizeBytes;
-  if (payload_.load(storage, size, nullptr) != size) return 0;
-  guard.doNotRestore();
-  discardReceipts();
-  return headerBytes + size;
+  return IElement::load(storage, bytesToRead, nullptr);
 }
 
 // ---------------------------------------------------------------- IElement

@@ -1,6 +1,8 @@
 #include "kapsel/segment.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <cstring>
 #include <vector>
 #include <map>
@@ -159,7 +161,16 @@ void eraseIf(List& list, Pred pred) {
 }  // namespace
 
 void Segment::dropDanglingReferences() {
-  for (auto& head : seekHeads_) eraseIf(head->entries_, [](auto& e) { return e->position_->isDangling(); });
+  // Also a reference to a single member that will not be written, or a seek entry naming another ID.
+  const IElement* singles[] = {&info_, &tracks_, &cues_, &attachments_, &chapters_};
+  auto unsaved = [&](const IElement* e) {
+    return e && std::find(std::begin(singles), std::end(singles), e) != std::end(singles) && !e->mustSave();
+  };
+  for (auto& head : seekHeads_)
+    eraseIf(head->entries_, [&](auto& e) {
+      const IElement* target = e->position_->getElt();
+      return e->position_->isDangling() || unsaved(target) || (target && target->getId() != e->id_->get());
+    });
   eraseIf(cues_->points_, [](auto& point) {
     eraseIf(point->positions_, [](auto& pos) {
       eraseIf(pos->references_, [](auto& ref) { return ref->cluster_->isDangling(); });
