@@ -1,4 +1,4 @@
-// kapsel: mux media into Matroska/WebM through the formatter plug-in, inspect and optimise files.
+// kapsel: mux media into Matroska/WebM through the formatter plug-in; inspect, edit and optimise files.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -55,7 +55,7 @@ CLI::Option* repeatable(CLI::Option* option) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"kapsel - write, inspect and optimise Matroska and WebM files"};
+  CLI::App app{"kapsel - write, inspect, edit and optimise Matroska and WebM files"};
   app.set_version_flag("--version", std::string("kapsel ") + KAPSEL_VERSION);
   app.require_subcommand(1);
 

@@ -82,6 +82,10 @@ TEST(CommandLine, ExitStatusesAndOneLineMessages) {
       {"optimize " + out + " " + shellQuote(dir.path("small.mkv")), 0, ""},
       {"optimize " + missing + " " + shellQuote(dir.path("small2.mkv")), 1, ""},
       {"optimize " + out, 2, "see kapsel optimize --help"},
+      {"edit " + out + " --title Holiday", 0, ""},
+      {"edit " + missing + " --title Holiday", 1, ""},
+      {"edit", 2, "see kapsel edit --help"},
+      {"edit " + out + " --bogus", 2, "--bogus"},
       {"foo " + q, 2, "unknown command 'foo'"},
       {"", 2, "kapsel --help"},
   };
