@@ -1,3 +1,4 @@
+#include <sstream>
 #include "tools/cli_support.h"
 
 #include <sys/ioctl.h>
@@ -21,6 +22,17 @@ int fail(const std::string& message) {
 int usageError(const std::string& message) {
   note(message + " (see kapsel --help)");
   return kExitUsage;
+}
+
+// "bytes 1200-3400, 9000-12000 (past the end of the file at 10000)"
+std::string describeDamage(const std::vector<Kapsel::TByteRange>& ranges, uint64_t fileSize) {
+  std::ostringstream os;
+  os << "bytes ";
+  for (size_t i = 0; i < ranges.size(); ++i) {
+    os << (i ? ", " : "") << ranges[i].begin << "-" << ranges[i].end;
+    if (ranges[i].end > fileSize) os << " (past the end of the file at " << fileSize << ")";
+  }
+  return os.str();
 }
 
 int damaged(const std::string& message) {

@@ -4,6 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "kapsel/element.h"
 
 namespace CLI {
 class App;
@@ -21,6 +24,8 @@ constexpr int kExitDamaged = 3;  // a damaged input, read as far as it could be
 int fail(const std::string& message);
 int usageError(const std::string& message);
 int damaged(const std::string& message);
+// "bytes 1200-3400, 9000-12000 (past the end of the file at 10000)": damaged ranges for a message.
+std::string describeDamage(const std::vector<Kapsel::TByteRange>& ranges, uint64_t fileSize);
 void note(const std::string& message);
 
 // Columns of the terminal on standard error: TIOCGWINSZ, else COLUMNS, else 80.

@@ -657,16 +657,6 @@ ojson summary(MatroskaDoc& doc, uint64_t fileSize, const ClusterSkipper& skipper
   return out;
 }
 
-// "bytes 1200-3400, 9000-12000 (past the end of the file at 10000)"
-std::string describeDamage(const std::vector<TByteRange>& ranges, uint64_t fileSize) {
-  std::ostringstream os;
-  os << "bytes ";
-  for (size_t i = 0; i < ranges.size(); ++i) {
-    os << (i ? ", " : "") << ranges[i].begin << "-" << ranges[i].end;
-    if (ranges[i].end > fileSize) os << " (past the end of the file at " << fileSize << ")";
-  }
-  return os.str();
-}
 
 }  // namespace
 

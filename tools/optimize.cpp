@@ -1,29 +1,14 @@
 // kapsel optimize: the library's optimiser from the shell.
 
 #include <iostream>
-#include <sstream>
 
 #include "kapsel/kapsel.h"
+#include "tools/cli_support.h"
 #include "tools/commands.h"
 
 namespace kapsel_cli {
 
 using namespace Kapsel;
-
-namespace {
-
-// "bytes 1200-3400, 9000-12000 (past the end of the file at 10000)"
-std::string describeDamage(const std::vector<TByteRange>& ranges, uint64_t fileSize) {
-  std::ostringstream os;
-  os << "bytes ";
-  for (size_t i = 0; i < ranges.size(); ++i) {
-    os << (i ? ", " : "") << ranges[i].begin << "-" << ranges[i].end;
-    if (ranges[i].end > fileSize) os << " (past the end of the file at " << fileSize << ")";
-  }
-  return os.str();
-}
-
-}  // namespace
 
 int runOptimize(const OptimizeOptions& o) {
   if (!sameFileAs(o.output, {o.input}).empty())
