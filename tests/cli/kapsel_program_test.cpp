@@ -55,34 +55,7 @@ std::vector<std::string> decodedMd5(const std::string& file) {
   return sums;
 }
 
-std::vector<int64_t> ptsOf(const std::vector<ProbePacket>& packets, const std::string& type) {
-  std::vector<int64_t> t;
-  for (const auto& p : packets)
-    if (p.codecType == type) t.push_back(p.ptsMs);
-  std::sort(t.begin(), t.end());
-  return t;
-}
-
 }  // namespace
-
-TEST(KapselMux, WebmFromVp8VorbisKeepsEveryFrameAndTimestamp) {
-  TempDir dir;
-  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -g 25 -c:a libvorbis");
-  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
-  const std::string out = dir.path("out.webm");
-  CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  expectSameFrames(in, out, 2);
-  std::string err;
-  const auto a = ffprobePackets(in), b = ffprobePackets(out, &err);
-  EXPECT_EQ(err, "");
-  EXPECT_EQ(ptsOf(a, "video"), ptsOf(b, "video"));
-  EXPECT_EQ(ptsOf(a, "audio"), ptsOf(b, "audio"));
-  CommandResult w = webmInfo(out);
-  EXPECT_EQ(w.exitCode, 0);
-  EXPECT_EQ(w.out.find("Not supported"), std::string::npos);
-  EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
-}
 
 TEST(KapselMux, BFramesKeepEveryTimeAndAudioPrimingShiftsAllStreamsAlike) {
   TempDir dir;
@@ -121,33 +94,6 @@ TEST(KapselMux, BFramesKeepEveryTimeAndAudioPrimingShiftsAllStreamsAlike) {
   nlohmann::json j = nlohmann::json::parse(mkvmergeJson(dir.path("25.mkv")).out, nullptr, false);
   ASSERT_FALSE(j.is_discarded());
   EXPECT_EQ(j["tracks"][0]["codec"], "AVC/H.264/MPEG-4p10");
-}
-
-TEST(KapselMux, OtherCodecsIntoMatroska) {
-  TempDir dir;
-  struct Case {
-    const char* name;
-    const char* args;
-    int streams;
-  } cases[] = {{"asp.avi", "-c:v mpeg4 -c:a libmp3lame", 2},
-               {"pcm.wav", "-map 1:a -c:a pcm_s16le", 1},
-               {"adts.aac", "-map 1:a -c:a aac", 1},
-               {"ac3.mka", "-map 1:a -c:a ac3", 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string in = makeClip(dir, c.name, c.args);
-    if (in.empty()) continue;
-    const std::string out = dir.path(std::string(c.name) + ".mkv");
-    CommandResult r = kapsel("mux -q " + shellQuote(in) + " -o " + shellQuote(out));
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    std::string err;
-    ffprobePackets(out, &err);
-    EXPECT_EQ(err, "");
-    // ADTS headers are not part of a Matroska frame: the input is read through the same conversion.
-    const std::string extra = std::string(c.name) == "adts.aac" ? "-bsf:a aac_adtstoasc" : "";
-    for (int s = 0; s < c.streams; ++s) EXPECT_EQ(frameMd5(in, s, extra), sums(out, s)) << "stream " << s;
-    EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
-  }
 }
 
 TEST(KapselMux, ChaptersAndMetadataReachTheFile) {
@@ -321,16 +267,6 @@ TEST(KapselOutput, SignalsFinishTheFileWithWhatWasMuxed) {
   }
 }
 
-// CRC-32 (IEEE, reflected) computed bit by bit, independently of the library.
-uint32_t crc32Of(const unsigned char* p, size_t n) {
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    c ^= p[i];
-    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1)));
-  }
-  return ~c;
-}
-
 TEST(KapselOptimize, LosslessOrRefusedWhenDamaged) {
   TempDir dir;
   const std::string in = makeClip(dir, "in.mkv", "-c:v libvpx -c:a libvorbis");
@@ -390,40 +326,6 @@ TEST(KapselOptimize, LosslessOrRefusedWhenDamaged) {
       EXPECT_NE(std::search(o.begin(), o.end(), unknown.begin(), unknown.end()), o.end()) << "unknown element kept";
     }
   }
-}
-
-TEST(KapselOptimize, Crc32InRfc8794Order) {
-  TempDir dir;
-  const std::string in = makeClip(dir, "in.mkv", "-c:v libvpx -c:a libvorbis");
-  if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
-  const std::string opt = dir.path("opt.mkv"), crc = dir.path("crc.mkv");
-  CommandResult r = kapsel("optimize " + shellQuote(in) + " " + shellQuote(opt));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  expectSameFrames(in, opt, 2);
-  EXPECT_EQ(mkvmergeJson(opt).exitCode, 0);
-  r = kapsel("optimize --crc32 " + shellQuote(opt) + " " + shellQuote(crc));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  expectSameFrames(in, crc, 2);
-  // SegmentInfo starts with its CRC-32 element: least significant byte first over the rest of the payload.
-  const auto b = readFile(crc);
-  nlohmann::json tree = nlohmann::json::parse(kapsel("info --json --tree --depth 1 " + shellQuote(crc)).out, nullptr, false);
-  ASSERT_FALSE(tree.is_discarded());
-  size_t pos = 0, len = 1;
-  for (const auto& e : tree["elements"][1]["children"])
-    if (e["name"] == "SegInfo") pos = e["position"].get<size_t>() + 4;
-  ASSERT_GT(pos, 4u);
-  while (!(b[pos] & (0x80 >> (len - 1)))) ++len;
-  uint64_t size = b[pos] & (0xFF >> len);
-  for (size_t i = 1; i < len; ++i) size = size << 8 | b[pos + i];
-  pos += len;
-  ASSERT_EQ(b[pos], 0xBF);
-  ASSERT_EQ(b[pos + 1], 0x84);
-  const uint32_t stored = b[pos + 2] | b[pos + 3] << 8 | b[pos + 4] << 16 | static_cast<uint32_t>(b[pos + 5]) << 24;
-  EXPECT_EQ(stored, crc32Of(&b[pos + 6], size - 6));
-  CommandResult info = kapsel("info --depth 2 " + shellQuote(crc));
-  EXPECT_NE(info.out.find("CRC-32 [0xBF]"), std::string::npos);
-  EXPECT_NE(info.out.find(": ok (little-endian)"), std::string::npos);
-  EXPECT_EQ(info.out.find("mismatch"), std::string::npos);
 }
 
 TEST(KapselInstall, ConsumerBuildsAgainstTheInstalledTreeUnderAnyPrefix) {
