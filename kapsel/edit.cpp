@@ -210,17 +210,26 @@ bool parseTime(const std::string& s, uint64_t& ns) {
   return true;
 }
 
-}  // namespace
-
-bool parseChapterList(const std::string& text, std::vector<EditRequest::Chapter>& out, std::string& error) {
+// Calls fn(line, number) for each line of a list file, without its line end; stops at the first line fn refuses.
+template <class Fn>
+bool forEachListLine(const std::string& text, Fn fn) {
   std::istringstream in(text);
   std::string line;
   unsigned number = 0;
   while (std::getline(in, line)) {
     ++number;
     if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!fn(line, number)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool parseChapterList(const std::string& text, std::vector<EditRequest::Chapter>& out, std::string& error) {
+  const bool ok = forEachListLine(text, [&](std::string line, unsigned number) {
     const size_t first = line.find_first_not_of(" \t");
-    if (first == std::string::npos || line[first] == '#') continue;
+    if (first == std::string::npos || line[first] == '#') return true;
     line = line.substr(first);
     const size_t space = line.find_first_of(" \t");
     const std::string times = line.substr(0, space);
@@ -237,7 +246,9 @@ bool parseChapterList(const std::string& text, std::vector<EditRequest::Chapter>
     if (dash != std::string::npos) c.end = end;
     c.name = line.substr(nameStart);
     out.push_back(c);
-  }
+    return true;
+  });
+  if (!ok) return false;
   if (out.empty()) {
     error = "no chapters in the list";
     return false;
@@ -247,13 +258,8 @@ bool parseChapterList(const std::string& text, std::vector<EditRequest::Chapter>
 
 bool parseTagList(const std::string& text, std::vector<std::pair<std::string, std::optional<std::string>>>& out,
                   std::string& error) {
-  std::istringstream in(text);
-  std::string line;
-  unsigned number = 0;
-  while (std::getline(in, line)) {
-    ++number;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.empty() || line[0] == '#') continue;
+  return forEachListLine(text, [&](const std::string& line, unsigned number) {
+    if (line.empty() || line[0] == '#') return true;
     const size_t eq = line.find('=');
     if (eq == std::string::npos || eq == 0) {
       error = "line " + std::to_string(number) + ": expected NAME=VALUE";
@@ -263,8 +269,8 @@ bool parseTagList(const std::string& text, std::vector<std::pair<std::string, st
       out.emplace_back(line.substr(0, eq), std::nullopt);
     else
       out.emplace_back(line.substr(0, eq), line.substr(eq + 1));
-  }
-  return true;
+    return true;
+  });
 }
 
 struct InPlaceEditor::State {
