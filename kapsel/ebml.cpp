@@ -233,12 +233,16 @@ namespace {
 
 // Seeded once per process (again in a forked child) from the wall clock, a high-resolution clock and the
 // process id, so that files made in the same second differ; the lock makes every draw thread-safe.
+std::mutex uidMutex;
+std::mt19937_64 uidDraws;
+pid_t uidSeededFor = 0;
+bool uidFixedSeed = false;
+
 std::mt19937_64& uidGenerator(std::unique_lock<std::mutex>& lock) {
-  static std::mutex mutex;
-  static std::mt19937_64 generator;
-  static pid_t seededFor = 0;
-  lock = std::unique_lock<std::mutex>(mutex);
-  if (seededFor != ::getpid()) {
+  std::mt19937_64& generator = uidDraws;
+  pid_t& seededFor = uidSeededFor;
+  lock = std::unique_lock<std::mutex>(uidMutex);
+  if (!uidFixedSeed && seededFor != ::getpid()) {
     seededFor = ::getpid();
     const auto now = std::chrono::high_resolution_clock::now().time_since_epoch().count();
     std::seed_seq seq{static_cast<uint64_t>(std::time(nullptr)), static_cast<uint64_t>(now),
@@ -249,6 +253,12 @@ std::mt19937_64& uidGenerator(std::unique_lock<std::mutex>& lock) {
 }
 
 }  // namespace
+
+void seedUIDs(uint64_t seed) {
+  std::lock_guard<std::mutex> lock(uidMutex);
+  uidDraws.seed(seed);
+  uidFixedSeed = true;
+}
 
 void createUID(unsigned char* buffer, unsigned numBytes) {
   std::unique_lock<std::mutex> lock;

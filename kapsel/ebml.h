@@ -44,6 +44,9 @@ uint64_t loadEbmlId(IStorage& storage);
 
 void createUID(unsigned char* buffer, unsigned numBytes);
 uint64_t createUID();
+// From now on unique IDs follow from `seed` alone: the same input then gives the same file (reproducible
+// outputs, tests). Never use it for files that are meant to differ.
+void seedUIDs(uint64_t seed);
 
 class Crc32 {
  public:
