@@ -12,13 +12,8 @@ namespace {
 
 constexpr uint32_t kMakerKvi = FourCC("KVI ");
 constexpr uint32_t kMakerOn2 = FourCC("ON2!");
-constexpr uint64_t kIdSeekHead = 0x114D9B74;
-constexpr uint64_t kIdCues = 0x1C53BB6B;
-constexpr uint64_t kIdChapters = 0x1043A770;
-constexpr uint64_t kIdTags = 0x1254C367;
-constexpr uint64_t kIdCluster = 0x1F43B675;
 constexpr const char* kWritingApp = "Kelvaro Brevant";
-constexpr uint64_t kOpenSize = 0xFFFFFFFFFFFFFFFFull;  // the maximum size marker: written open, patched later
+constexpr uint64_t kNsPerMs = 1000000;
 
 const char* videoCodecId(uint32_t codec) {
   switch (codec) {
@@ -48,39 +43,6 @@ uint32_t channelsForMode(const std::string& mode) {
   if (mode == "6.1") return 7;
   if (mode == "7.1") return 8;
   return 0;
-}
-
-void appendId(std::vector<unsigned char>& out, uint64_t id) {
-  unsigned char b[8];
-  out.insert(out.end(), b, b + uintEncode(id, b));
-}
-
-void appendSize(std::vector<unsigned char>& out, uint64_t size) {
-  unsigned char b[8];
-  out.insert(out.end(), b, b + vsizeEncode(size, b));
-}
-
-void appendUInt(std::vector<unsigned char>& out, uint64_t id, uint64_t value) {
-  unsigned char b[8];
-  const unsigned n = uintEncode(value, b);
-  appendId(out, id);
-  appendSize(out, n);
-  out.insert(out.end(), b, b + n);
-}
-
-void appendMaster(std::vector<unsigned char>& out, uint64_t id, const std::vector<unsigned char>& payload) {
-  appendId(out, id);
-  appendSize(out, payload.size());
-  out.insert(out.end(), payload.begin(), payload.end());
-}
-
-// Saves one record when it fits the budget and keeps the counters.
-bool saveRecord(const std::vector<unsigned char>& record, FileStorage& storage, uint64_t* position, uint64_t* remaining) {
-  if (remaining && record.size() > *remaining) return false;
-  if (!Kapsel::save(storage, record)) return false;
-  if (position) *position += record.size();
-  if (remaining) *remaining -= record.size();
-  return true;
 }
 
 void releaseBundle(IPacketBundle*& bundle) {
@@ -158,67 +120,26 @@ uint64_t toMilliseconds(int64_t value, uint64_t unitsPerSecond) {
 }
 
 bool overwriteUnknownPayloadSize(const IElement& element, IStorage& storage) {
-  ReceiptPtr r = element.storageReceipt();
-  ReceiptPtr here = storage.receipt();
-  if (!r || !here) return false;
-  const uint64_t payloadPosition = r->position() + 4 + 8;
-  if (here->position() < payloadPosition) return false;
-  unsigned char size[8];
-  vsizeEncode(here->position() - payloadPosition, size, 8);
-  ReceiptPtr field = r->receipt(4, 8);
-  return field && field->save(size, 8);
+  return overwriteOpenSize(element, storage);
 }
 
 bool saveCuePoints(const TDataTable<TCue, 65536>& cues, FileStorage& storage, uint64_t* position,
                    uint64_t* remaining) {
-  std::vector<unsigned char> record, point, trackPos;
-  for (uint32_t i = 0; i < cues.count(); ++i) {
-    const TCue& c = cues[i];
-    trackPos.clear();
-    appendUInt(trackPos, 0xF7, c.track);
-    appendUInt(trackPos, 0xF1, c.clusterPosition);
-    if (c.block > 1) appendUInt(trackPos, 0x5378, c.block);
-    point.clear();
-    appendUInt(point, 0xB3, c.time);
-    appendMaster(point, 0xB7, trackPos);
-    record.clear();
-    appendMaster(record, 0xBB, point);
-    if (!saveRecord(record, storage, position, remaining)) return false;
-  }
-  return true;
+  std::vector<TCuePoint> points;
+  for (uint32_t i = 0; i < cues.count(); ++i)
+    points.push_back(TCuePoint{cues[i].time, cues[i].clusterPosition, cues[i].track, cues[i].block});
+  return saveCuePointRecords(points, storage, position, remaining);
 }
 
 bool saveSeekPoints(const TDataTable<unsigned long long, 65536>& positions, FileStorage& storage, uint64_t* position,
                     uint64_t* remaining) {
-  std::vector<unsigned char> record, entry;
-  for (uint32_t i = 0; i < positions.count(); ++i) {
-    entry.clear();
-    appendId(entry, 0x53AB);
-    appendSize(entry, 4);
-    unsigned char id[4];
-    uintEncode(kIdCluster, id, 4);
-    entry.insert(entry.end(), id, id + 4);
-    appendUInt(entry, 0x53AC, positions[i]);
-    record.clear();
-    appendMaster(record, 0x4DBB, entry);
-    if (!saveRecord(record, storage, position, remaining)) return false;
-  }
-  return true;
+  std::vector<uint64_t> points;
+  for (uint32_t i = 0; i < positions.count(); ++i) points.push_back(positions[i]);
+  return saveClusterSeekRecords(points, storage, position, remaining);
 }
 
 void overwriteSeekEntry(SeekHead::SeekElt* seekEntry, uint64_t segmentPayloadPosition, const IElement& element) {
-  if (!seekEntry || (*seekEntry)->id_->get() != element.getId()) return;
-  ReceiptPtr target = element.storageReceipt();
-  if (!target) return;
-  const uint64_t p = target->position() - segmentPayloadPosition;
-  auto& posElt = (*seekEntry)->position_;
-  ReceiptPtr payload = posElt.payloadReceipt();
-  posElt->setPosition(p);
-  if (!payload || payload->numBytes() == 0 || payload->numBytes() > 8) return;
-  unsigned char bytes[8];
-  const unsigned n = static_cast<unsigned>(payload->numBytes());
-  uintEncode(p, bytes, n);
-  payload->save(bytes, n);
+  overwriteSeekPosition(seekEntry, segmentPayloadPosition, element);
 }
 
 // ---------------------------------------------------------------- the formatter object
@@ -226,10 +147,7 @@ void overwriteSeekEntry(SeekHead::SeekElt* seekEntry, uint64_t segmentPayloadPos
 CKVMatroskaFormatter::CKVMatroskaFormatter(uint32_t formatCode)
     : doc_(formatCode == FourCC("WEBM") ? kFileFormatWebm : kFileFormatMatroska), storage_() {}
 
-CKVMatroskaFormatter::~CKVMatroskaFormatter() {
-  EndFormatting(nullptr);
-  releaseBlockPackets();
-}
+CKVMatroskaFormatter::~CKVMatroskaFormatter() { EndFormatting(nullptr); }
 
 CKVMatroskaFormatter& CKVMatroskaFormatter::operator=(const CKVMatroskaFormatter& o) {
   if (this == &o) return *this;
@@ -256,24 +174,7 @@ CKVMatroskaFormatter& CKVMatroskaFormatter::operator=(const CKVMatroskaFormatter
   videoPrivate_ = o.videoPrivate_;
   audioPrivate_ = o.audioPrivate_;
   frameDurationMs_ = o.frameDurationMs_;
-  segmentPayloadPosition_ = o.segmentPayloadPosition_;
-  reservationEnd_ = o.reservationEnd_;
-  cueTrack_ = o.cueTrack_;
-  cueTrackKeyFrames_ = o.cueTrackKeyFrames_;
-  cueNeeded_ = o.cueNeeded_;
-  seekHead_ = o.seekHead_;
-  voidElt_ = o.voidElt_;
-  chapters_ = o.chapters_;
-  tags_ = o.tags_;
-  cluster_ = o.cluster_;
-  clusterPosition_ = o.clusterPosition_;
-  blocksInCluster_ = o.blocksInCluster_;
   clusterCount_ = o.clusterCount_;
-  // Queued frames and block bytes belong to the source's packets and are not shared.
-  clusterPositions_ = o.clusterPositions_;
-  cues_ = o.cues_;
-  earliestTime_ = o.earliestTime_;
-  latestEnd_ = o.latestEnd_;
   chapterTimes_ = o.chapterTimes_;
   chapterCount_ = o.chapterCount_;
   return *this;
@@ -324,9 +225,6 @@ uint32_t CKVMatroskaFormatter::BeginFormatting() {
   // A file still open from an earlier job is finished first.
   if (began_) EndFormatting(nullptr);
   isWebM_ = doc_.fileFormat() == kFileFormatWebm;
-  earliestTime_ = latestEnd_ = 0;
-  cues_.clear();
-  clusterPositions_.clear();
   videoCodecId_.clear();
   videoMaker_ = videoCodec_ = 0;
   frameRate_ = 24.0;
@@ -413,17 +311,28 @@ void CKVMatroskaFormatter::buildVorbisPrivate() {
   audioPrivate_ = priv;
 }
 
-Segment& CKVMatroskaFormatter::segment() { return *doc_.segments_.front(); }
-MatroskaDoc::SegmentElt& CKVMatroskaFormatter::segmentElt() { return doc_.segments_.front(); }
-
+// Declares the file to the writer: segment information, tracks, chapters and tags as the host described them.
 void CKVMatroskaFormatter::buildHeader() {
-  const TFileFormat format = doc_.fileFormat();
-  doc_ = WebmDoc(format);
-  doc_.segments_.add();
-  Segment& seg = segment();
-  SegInfo& info = *seg.info_;
-  info.timecodeScale_->set(1000000);
-  info.writingApp_->set(kWritingApp);
+  TWriterOptions options;
+  options.format = doc_.fileFormat();
+  options.writingApp = kWritingApp;
+  options.expectedClusters = expectedClusters_;
+  options.interleave = false;
+  options.lenient = true;
+  options.emptyWithoutFrames = true;
+  options.indexRule = TIndexRule::kKeyFramesOnly;
+
+  std::vector<std::pair<std::string, double>> marks;
+  for (const CAceMarker& m : ChapterMarkers())
+    if (m.GetType() == CAceMarker::kMarkerTypeChapter) marks.emplace_back(m.GetName().str(), m.GetEncodedFrameTime());
+  if (!marks.empty() && marks.front().second > 0.0) marks.insert(marks.begin(), {"Intro", 0.0});
+  chapterCount_ = marks.size();
+  chapterTimes_.clear();
+  options.reserveBytes = (chapterCount_ + expectedClusters_) * 21 + 292;
+  writer_.reset(new StreamWriter);
+  if (writer_->open(storage_, options) != TWriteResult::kOk) return;
+
+  SegInfo& info = writer_->info();
   const double scale = DurationHintTimeScale() ? static_cast<double>(DurationHintTimeScale()) : 1.0;
   const double span = DurationHintEnd() > DurationHintStart()
                           ? static_cast<double>(DurationHintEnd() - DurationHintStart())
@@ -432,73 +341,53 @@ void CKVMatroskaFormatter::buildHeader() {
   // Readers show the container's title from here, not from the tags.
   for (uint32_t i = 0; i < MetaData().GetCount(); ++i)
     if (MetaData()[i].GetName().str() == "Title") info.title_->set(MetaData()[i].GetValue().str());
-  if (!isWebM_) {
-    unsigned char uid[16];
-    createUID(uid, 16);
-    info.segmentUid_->set(uid);
-  }
 
   if (videoExpected()) {
-    Track& t = *seg.tracks_->tracks_.add();
-    t.trackNumber_->set(1);
-    t.trackType_->set(1);
-    t.trackUid_->set(createUID());
-    t.defaultDuration_->set(static_cast<uint64_t>(1.0 / frameRate_ * 1e9));
-    t.trackTimecodeScale_->set(1.0);
-    t.codecId_->set(videoCodecId_);
-    t.codecName_->set(videoCompressor_->GetDisplayName().str());
-    t.video_->pixelWidth_->set(width_);
-    t.video_->pixelHeight_->set(height_);
-    if ((videoCodec_ == FourCC("H264") || videoCodec_ == FourCC("MP4V")) && !videoPrivate_.empty())
-      t.codecPrivate_->set(videoPrivate_, frameStorage_);
+    TTrackSpec spec;
+    spec.kind = TTrackKind::kVideo;
+    spec.number = 1;
+    spec.codecId = videoCodecId_;
+    if (writer_->addTrack(spec) == TWriteResult::kOk) {
+      Track& t = *writer_->trackElement(1);
+      t.defaultDuration_->set(static_cast<uint64_t>(1.0 / frameRate_ * 1e9));
+      t.trackTimecodeScale_->set(1.0);
+      t.codecName_->set(videoCompressor_->GetDisplayName().str());
+      t.video_->pixelWidth_->set(width_);
+      t.video_->pixelHeight_->set(height_);
+      if ((videoCodec_ == FourCC("H264") || videoCodec_ == FourCC("MP4V")) && !videoPrivate_.empty())
+        t.codecPrivate_->set(videoPrivate_, frameStorage_);
+    }
   }
   if (audioExpected()) {
-    Track& t = *seg.tracks_->tracks_.add();
-    t.trackNumber_->set(2);
-    t.trackType_->set(2);
-    t.trackUid_->set(createUID());
-    t.trackTimecodeScale_->set(1.0);
-    t.flagLacing_->set(isWebM_ ? 0 : 1);
-    t.codecId_->set(audioCodecId_);
-    t.codecName_->set(audioCompressor_->GetDisplayName().str());
-    t.audio_->samplingFrequency_->set(static_cast<double>(sampleRate_));
-    t.audio_->channels_->set(channels_);
-    t.audio_->bitDepth_->set(bitsPerSample_);
-    if (audioCodec_ == FourCC("VRBS")) buildVorbisPrivate();
-    if ((audioCodec_ == FourCC("AAC ") || audioCodec_ == FourCC("VRBS")) && !audioPrivate_.empty())
-      t.codecPrivate_->set(audioPrivate_, frameStorage_);
-  }
-
-  chapters_ = ChaptersElt();
-  chapterTimes_.clear();
-  std::vector<std::pair<std::string, double>> marks;
-  for (const CAceMarker& m : ChapterMarkers())
-    if (m.GetType() == CAceMarker::kMarkerTypeChapter) marks.emplace_back(m.GetName().str(), m.GetEncodedFrameTime());
-  chapterCount_ = 0;
-  if (!marks.empty()) {
-    Edition& edition = *chapters_->editions_.add();
-    edition.uid_->set(createUID());
-    if (marks.front().second > 0.0) marks.insert(marks.begin(), {"Intro", 0.0});
-    for (const auto& m : marks) {
-      const double t = m.second > 0.0 && std::isfinite(m.second) ? m.second : 0.0;
-      ChapAtom& atom = *edition.atoms_.add();
-      atom.uid_->set(createUID());
-      atom.timeStart_->set(static_cast<uint64_t>(t * 1e9));
-      atom.displays_.add()->string_->set(m.first);
-      chapterTimes_.push_back(static_cast<uint64_t>(t * 1000.0));
-      ++chapterCount_;
+    TTrackSpec spec;
+    spec.kind = TTrackKind::kAudio;
+    spec.number = 2;
+    spec.codecId = audioCodecId_;
+    if (writer_->addTrack(spec) == TWriteResult::kOk) {
+      Track& t = *writer_->trackElement(2);
+      t.trackTimecodeScale_->set(1.0);
+      t.flagLacing_->set(isWebM_ ? 0 : 1);
+      t.codecName_->set(audioCompressor_->GetDisplayName().str());
+      t.audio_->samplingFrequency_->set(static_cast<double>(sampleRate_));
+      t.audio_->channels_->set(channels_);
+      t.audio_->bitDepth_->set(bitsPerSample_);
+      if (audioCodec_ == FourCC("VRBS")) buildVorbisPrivate();
+      if ((audioCodec_ == FourCC("AAC ") || audioCodec_ == FourCC("VRBS")) && !audioPrivate_.empty())
+        t.codecPrivate_->set(audioPrivate_, frameStorage_);
     }
   }
 
-  tags_ = TagsElt();
-  if (!isWebM_ && MetaData().GetCount() > 0) {
-    Tag& tag = *tags_->tags_.add();
-    for (uint32_t i = 0; i < MetaData().GetCount(); ++i) {
-      SimpleTag& st = *tag.simpleTags_.add();
-      st.name_->set(CKVTagMap::instance()[MetaData()[i].GetName().str()]);
-      st.string_->set(MetaData()[i].GetValue().str());
-    }
+  for (const auto& m : marks) {
+    const double t = m.second > 0.0 && std::isfinite(m.second) ? m.second : 0.0;
+    TChapterSpec chapter;
+    chapter.start = static_cast<int64_t>(static_cast<uint64_t>(t * 1e9));
+    chapter.title = m.first;
+    writer_->addChapter(chapter);
+    chapterTimes_.push_back(static_cast<uint64_t>(t * 1000.0));
   }
+  if (!isWebM_)
+    for (uint32_t i = 0; i < MetaData().GetCount(); ++i)
+      writer_->addTag({CKVTagMap::instance()[MetaData()[i].GetName().str()], MetaData()[i].GetValue().str(), 0});
 }
 
 // ---------------------------------------------------------------- intake
@@ -585,7 +474,8 @@ bool CKVMatroskaFormatter::mux(bool flush) {
 bool CKVMatroskaFormatter::muxOneFrame() {
   if (!headerWritten_) {
     if (audioQueue_.empty() && videoQueue_.empty()) return false;
-    beginWriting();
+    headerWritten_ = true;
+    buildHeader();
   }
   TFrame* frame = nullptr;
   if (!audioQueue_.empty() && !videoQueue_.empty())
@@ -603,267 +493,35 @@ bool CKVMatroskaFormatter::muxOneFrame() {
       chapterTimes_.pop_front();
     }
   }
-  int64_t relative = static_cast<int64_t>(frame->time - cluster_->timecode_->get());
-  earliestTime_ = std::min(earliestTime_, frame->time);
-  latestEnd_ = std::max(latestEnd_, frame->time + frame->duration);
-  const bool secondCueKey = frame->track == cueTrack_ && frame->key && cueTrackKeyFrames_ == 1;
-  // A block timecode is 16 bits: a frame too far before the cluster also needs a new one.
-  if (relative >= 32767 || relative < -32768 || secondCueKey || !cluster_.storageReceipt()) {
-    startNextCluster(*frame);
-    relative = 0;
-  }
-  const unsigned long inBlock = block_.getNumberOfFrames();
-  // Readers space laced frames by the default duration: a video frame off that step starts its own block.
-  const bool offStep = frame->track == 1 && frame->time != blockLastTime_ + frameDurationMs_;
-  if (inBlock >= 8 ||
-      (inBlock >= 1 && (isWebM_ || frame->key || frame->track != block_.getTrackNumber() || offStep)))
-    finishCurrentBlock();
-  if (block_.getNumberOfFrames() == 0) {
-    block_.setTrackNumber(frame->track);
-    block_.setRelativeTimecode(static_cast<short>(relative));
-    block_.setKeyframe(frame->key);
-  }
-  blockLastTime_ = frame->time;
+  TWriterFrame out;
+  out.track = frame->track;
   IPacket* packet = frame->data;
   frame->data = nullptr;
   if (packet && packet->GetData() && packet->GetSize() > 0) {
-    // The block points at the packet's bytes; the packet is released when the block is written.
-    block_.addFrame(receiptForConstMemory(packet->GetData(), packet->GetSize()));
-    blockPackets_.push_back(packet);
-  } else {
-    static const unsigned char kNothing = 0;
-    block_.addFrame(receiptForConstMemory(&kNothing, 0));
-    if (packet) packet->Release();
+    out.data = packet->GetData();
+    out.size = packet->GetSize();
   }
-  addCuePoint(*frame);
+  out.time = static_cast<int64_t>(frame->time * kNsPerMs);
+  out.decodeTime = static_cast<int64_t>(frame->decodeTime * kNsPerMs);
+  out.duration = static_cast<int64_t>(frame->duration * kNsPerMs);
+  out.key = frame->key;
   delete frame;
-  return true;
-}
-
-// ---------------------------------------------------------------- clusters, blocks and cues
-
-void CKVMatroskaFormatter::releaseBlockPackets() {
-  for (IPacket* p : blockPackets_) p->Release();
-  blockPackets_.clear();
-}
-
-void CKVMatroskaFormatter::finishCurrentBlock() {
-  if (block_.getNumberOfFrames() == 0) return;
-  if (isWebM_)
-    block_.setLacing(SimpleBlock::kNoLacing);
-  else
-    block_.setAutoLacing();
-  if (block_.getTrackNumber() == 2) block_.setKeyframe(true);
-  Cluster::SimpleBlockElt element;
-  block_.exportData(element->data(), frameStorage_);
-  block_ = SimpleBlock();
-  storage_.file().seek(0, File::kRelativeToEnd);
-  element.save(storage_, 0);
-  releaseBlockPackets();
-  ++blocksInCluster_;
-}
-
-void CKVMatroskaFormatter::finishCurrentCluster() {
-  if (clusterCount_ == 0) return;
-  finishCurrentBlock();
-  storage_.file().seek(0, File::kRelativeToEnd);
-  overwriteUnknownPayloadSize(cluster_, storage_);
-}
-
-void CKVMatroskaFormatter::startNextCluster(const TFrame& frame) {
-  finishCurrentCluster();
-  cueNeeded_.assign(cueNeeded_.size(), true);
-  blocksInCluster_ = 0;
-  cueTrackKeyFrames_ = 0;
-  cluster_ = ClusterElt();
-  cluster_->timecode_->set(frame.time);
-  storage_.file().seek(0, File::kRelativeToEnd);
-  cluster_.savePaddedUpToSize(storage_, kOpenSize);
-  ReceiptPtr r = cluster_.storageReceipt();
-  clusterPosition_ = (r ? r->position() : storage_.file().absolutePosition()) - segmentPayloadPosition_;
-  if (clusterPositions_.empty()) clusterPositions_.add(clusterPosition_);
-  ++clusterCount_;
-}
-
-void CKVMatroskaFormatter::addCuePoint(const TFrame& frame) {
-  if (videoExpected() && !frame.key) return;
-  if (frame.track == cueTrack_ && frame.key) {
-    ++cueTrackKeyFrames_;
-    cueNeeded_.assign(cueNeeded_.size(), true);
-  } else if (isWebM_ && videoExpected()) {
-    return;
-  }
-  if (frame.track >= cueNeeded_.size()) return;
-  if (!cueNeeded_[frame.track] && !frame.key) return;
-  cueNeeded_[frame.track] = false;
-  cues_.add(TCue{frame.time, clusterPosition_, static_cast<uint16_t>(frame.track),
-                 static_cast<uint16_t>(std::min<uint32_t>(blocksInCluster_, 0xFFFF))});
+  // The block points at the packet's bytes; the packet is released once the block is written.
+  const TWriteResult result = writer_ ? writer_->write(out, [packet] {
+    if (packet) packet->Release();
+  })
+                                      : TWriteResult::kNotOpen;
+  if (!writer_ && packet) packet->Release();
+  return result == TWriteResult::kOk;
 }
 
 // ---------------------------------------------------------------- layout and finishing
-
-uint64_t CKVMatroskaFormatter::endOfFile() {
-  storage_.file().seek(0, File::kRelativeToEnd);
-  return storage_.file().absolutePosition();
-}
-
-void CKVMatroskaFormatter::beginWriting() {
-  headerWritten_ = true;
-  buildHeader();
-  File& file = storage_.file();
-  file.setSize(0);
-  file.seek(0, File::kAbsolutePosition);
-  // The Segment is written open and its size patched at the end.
-  segmentElt().setFixedSize(kOpenSize);
-  doc_.save(storage_);
-  ReceiptPtr payload = segmentElt().payloadReceipt();
-  segmentPayloadPosition_ = payload ? payload->position() : 0;
-  Segment& seg = segment();
-
-  seekHead_ = SeekHeadElt();
-  seekHead_.setFixedSize(kOpenSize);
-  seekHead_->indexThis(&segmentElt(), &seg.info_);
-  seekHead_->indexThis(&segmentElt(), &seg.tracks_);
-  seekHead_->indexThis(&segmentElt(), &seg.cues_);
-  if (chapters_.mustSave()) seekHead_->indexThis(&segmentElt(), &chapters_);
-  if (tags_.mustSave()) seekHead_->indexThis(&segmentElt(), &tags_);
-  endOfFile();
-  seekHead_.save(storage_);
-
-  voidElt_ = VoidElement();
-  voidElt_->set((chapterCount_ + expectedClusters_) * 21 + 292);
-  voidElt_.save(storage_);
-  ReceiptPtr v = voidElt_.storageReceipt();
-  reservationEnd_ = v ? v->position() + v->numBytes() : endOfFile();
-
-  if (chapters_.mustSave()) {
-    chapters_.save(storage_);
-    overwriteSeekEntry(seekHead_->findFirst(kIdChapters), segmentPayloadPosition_, chapters_);
-  }
-  clusterPosition_ = ~0ull;
-  blocksInCluster_ = 0;
-  cueNeeded_.assign(3, true);
-  cueTrackKeyFrames_ = 0;
-  cueTrack_ = videoExpected() ? 1 : 2;
-  clusterCount_ = 0;
-  cluster_ = ClusterElt();
-}
-
-// Fills [from, end of the reservation) with one Void; false when exactly one byte is left.
-bool CKVMatroskaFormatter::fillReservation(uint64_t from) {
-  if (from > reservationEnd_) return false;
-  const uint64_t gap = reservationEnd_ - from;
-  if (gap == 0) return true;
-  if (gap == 1) return false;
-  File::Seek guard(storage_.file(), static_cast<int64_t>(from), File::kAbsolutePosition);
-  voidElt_ = VoidElement();
-  // The size field is forced to the width that makes the Void exactly fill the gap.
-  const uint64_t v = gap - 1;
-  const unsigned w = vsizeNumBytes(v);
-  voidElt_->set(v - w);
-  voidElt_.save(storage_, w);
-  return true;
-}
-
-void CKVMatroskaFormatter::rewriteSeekHead() {
-  ReceiptPtr r = seekHead_.storageReceipt();
-  if (!r) return;
-  File::Seek guard(storage_.file(), static_cast<int64_t>(r->position()), File::kAbsolutePosition);
-  seekHead_.save(storage_);
-  overwriteUnknownPayloadSize(seekHead_, storage_);
-}
 
 void CKVMatroskaFormatter::finishWriting() {
   if (!headerWritten_) return;
   while (!audioQueue_.empty() || !videoQueue_.empty())
     if (!muxOneFrame()) break;
-  finishCurrentCluster();
-  File& file = storage_.file();
-  Segment& seg = segment();
-
-  if (cues_.empty()) {
-    // Without cues the entry would point nowhere: the SeekHead is written again without it.
-    auto& items = seekHead_->entries_.items;
-    for (auto it = items.begin(); it != items.end(); ++it)
-      if ((*it)->id_->get() == kIdCues) {
-        items.erase(it);
-        break;
-      }
-    rewriteSeekHead();
-    if (ReceiptPtr h = seekHead_.storageReceipt()) fillReservation(h->position() + h->numBytes());
-  }
-
-  // Seek points go right after the first SeekHead when they fit, extending it.
-  ReceiptPtr head = seekHead_.storageReceipt();
-  uint64_t cursor = head ? head->position() + head->numBytes() : reservationEnd_;
-  bool inReservation = false;
-  if (head && cursor <= reservationEnd_) {
-    File::Seek guard(file, static_cast<int64_t>(cursor), File::kAbsolutePosition);
-    uint64_t position = cursor, remaining = reservationEnd_ - cursor;
-    if (saveSeekPoints(clusterPositions_, storage_, &position, &remaining) && remaining != 1) {
-      overwriteUnknownPayloadSize(seekHead_, storage_);
-      cursor = position;
-      inReservation = true;
-    }
-    fillReservation(inReservation ? cursor : head->position() + head->numBytes());
-  }
-  if (!inReservation) {
-    SeekHeadElt second;
-    second.setFixedSize(kOpenSize);
-    endOfFile();
-    second.save(storage_);
-    saveSeekPoints(clusterPositions_, storage_);
-    overwriteUnknownPayloadSize(second, storage_);
-    ReceiptPtr sr = second.storageReceipt();
-    if (sr) seekHead_->indexThis(kIdSeekHead, sr->position() - segmentPayloadPosition_);
-    rewriteSeekHead();
-    head = seekHead_.storageReceipt();
-    cursor = head ? head->position() + head->numBytes() : reservationEnd_;
-    fillReservation(cursor);
-  }
-
-  // Cues: in what is left of the reservation, or at the end of the file.
-  auto& cuesElt = seg.cues_;
-  bool cuesWritten = false;
-  if (!cues_.empty()) {
-    if (cursor + 12 <= reservationEnd_) {
-      File::Seek guard(file, static_cast<int64_t>(cursor), File::kAbsolutePosition);
-      cuesElt.savePaddedUpToSize(storage_, kOpenSize);
-      uint64_t position = cursor + 12, remaining = reservationEnd_ - cursor - 12;
-      if (saveCuePoints(cues_, storage_, &position, &remaining) && remaining != 1) {
-        overwriteUnknownPayloadSize(cuesElt, storage_);
-        fillReservation(position);
-        cuesWritten = true;
-      } else {
-        cuesElt.discardReceipts();
-        fillReservation(cursor);
-      }
-    }
-    if (!cuesWritten) {
-      endOfFile();
-      cuesElt.savePaddedUpToSize(storage_, kOpenSize);
-      saveCuePoints(cues_, storage_);
-      overwriteUnknownPayloadSize(cuesElt, storage_);
-      cuesWritten = true;
-    }
-    overwriteSeekEntry(seekHead_->findFirst(kIdCues), segmentPayloadPosition_, cuesElt);
-  }
-
-  if (tags_.mustSave()) {
-    endOfFile();
-    tags_.save(storage_);
-    overwriteSeekEntry(seekHead_->findFirst(kIdTags), segmentPayloadPosition_, tags_);
-  }
-
-  seg.info_->duration_->set(static_cast<double>(latestEnd_ - earliestTime_));
-  if (ReceiptPtr infoReceipt = seg.info_.storageReceipt()) {
-    File::Seek guard(file, static_cast<int64_t>(infoReceipt->position()), File::kAbsolutePosition);
-    seg.info_.save(storage_);
-  }
-
-  endOfFile();
-  overwriteUnknownPayloadSize(segmentElt(), storage_);
-
+  if (writer_) clusterCount_ = static_cast<uint32_t>(writer_->finish().clusters);
   std::cerr << "\nEXPECTED CLUSTERS   : " << expectedClusters_ << "\nFINAL CLUSTER COUNT : " << clusterCount_
             << "\n\n";
   std::cerr.flush();
@@ -881,21 +539,12 @@ uint32_t CKVMatroskaFormatter::EndFormatting(KVImage_t*) {
 void CKVMatroskaFormatter::resetForNextFile() {
   audioQueue_.clear();
   videoQueue_.clear();
-  releaseBlockPackets();
+  writer_.reset();
   doc_ = WebmDoc(doc_.fileFormat());
   storage_.file() = File();
   frameStorage_ = MemoryStorage();
   videoPrivate_.clear();
   audioPrivate_.clear();
-  cueNeeded_.clear();
-  seekHead_ = SeekHeadElt();
-  voidElt_ = VoidElement();
-  chapters_ = ChaptersElt();
-  tags_ = TagsElt();
-  cluster_ = ClusterElt();
-  block_ = SimpleBlock();
-  clusterPositions_.clear();
-  cues_.clear();
   chapterTimes_.clear();
   began_ = false;
   headerWritten_ = false;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "formatter/kapsel_formatter_results.h"
 #include "host_sdk/host_sdk.h"
 #include "kapsel/kapsel.h"
+#include "kapsel/writer.h"
 
 namespace kapsel_formatter {
 
@@ -96,25 +98,15 @@ class CKVMatroskaFormatter : public CAFormatter {
  private:
   bool mux(bool flush);
   bool muxOneFrame();
-  void beginWriting();
   void finishWriting();
-  void startNextCluster(const TFrame& frame);
-  void finishCurrentBlock();
-  void finishCurrentCluster();
-  void addCuePoint(const TFrame& frame);
   void buildHeader();
   void buildVorbisPrivate();
   void resetForNextFile();
   bool writing() const { return headerWritten_; }
   bool videoExpected() const { return videoExpected_; }
   bool audioExpected() const { return audioExpected_; }
-  void rewriteSeekHead();
-  bool fillReservation(uint64_t from);
-  uint64_t endOfFile();
-  void releaseBlockPackets();
-  Kapsel::Segment& segment();
-  Kapsel::MatroskaDoc::SegmentElt& segmentElt();
 
+  // Host-facing setup, as the host gave it.
   Kapsel::WebmDoc doc_;
   Kapsel::FileStorage storage_;
   TFrameQueue audioQueue_;
@@ -134,32 +126,17 @@ class CKVMatroskaFormatter : public CAFormatter {
   uint64_t expectedClusters_ = 0;
   std::vector<unsigned char> videoPrivate_, audioPrivate_;
   uint64_t frameDurationMs_ = 42;
-  uint64_t segmentPayloadPosition_ = 0;
-  uint64_t reservationEnd_ = 0;
-  uint32_t cueTrack_ = 1;
-  uint32_t cueTrackKeyFrames_ = 0;
-  std::vector<bool> cueNeeded_;
-  Kapsel::SeekHeadElt seekHead_;
-  Kapsel::VoidElement voidElt_;
-  Kapsel::ChaptersElt chapters_;
-  Kapsel::TagsElt tags_;
-  Kapsel::ClusterElt cluster_;
-  uint64_t clusterPosition_ = ~0ull;
-  uint32_t blocksInCluster_ = 0;
-  uint32_t clusterCount_ = 0;
-  Kapsel::SimpleBlock block_;
-  uint64_t blockLastTime_ = 0;  // time of the last frame put into block_
-  TDataTable<unsigned long long, 65536> clusterPositions_;
-  TDataTable<TCue, 65536> cues_;
-  uint64_t earliestTime_ = 0, latestEnd_ = 0;
   std::list<uint64_t> chapterTimes_;
 
-  // Per-file flags and the packets whose bytes the current block points at.
+  // The file itself: clusters, blocks, cues and the layout are the library's streaming writer's.
+  std::unique_ptr<Kapsel::StreamWriter> writer_;
+  uint32_t clusterCount_ = 0;
+
+  // Per-file flags.
   bool began_ = false;
   bool headerWritten_ = false;
   bool videoExpected_ = false;
   bool audioExpected_ = false;
-  std::vector<IPacket*> blockPackets_;
   Kapsel::MemoryStorage frameStorage_;
   size_t chapterCount_ = 0;
 };

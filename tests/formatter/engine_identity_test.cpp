@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <functional>
+#include <map>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -101,6 +102,77 @@ void runJob(const Job& job, const std::string& path) {
   f.EndFormatting(nullptr);
 }
 
+// The same job written straight through the writer, as a library user would: the writer interleaves.
+void writeDirect(const Job& job, const std::string& path) {
+  using namespace Kapsel;
+  const uint64_t frameMs = job.video ? static_cast<uint64_t>(1000.0 / job.video->frameRate + 0.5) : 0;
+  TWriterOptions o;
+  o.writingApp = "Kelvaro Brevant";
+  o.expectedClusters = job.hintEnd / job.hintScale + 1;
+  o.reserveBytes = o.expectedClusters * 21 + 292;
+  o.lenient = o.emptyWithoutFrames = true;
+  o.indexRule = TIndexRule::kKeyFramesOnly;
+  StreamWriter w;
+  ASSERT_EQ(w.open(path, o), TWriteResult::kOk);
+  w.info().duration_->set(static_cast<double>(job.hintEnd) * 1000.0 / static_cast<double>(job.hintScale));
+  const Bytes config = filler(24, 99);
+  auto hasConfig = [&](bool video) {
+    return std::any_of(job.samples.begin(), job.samples.end(), [&](auto& s) { return s.config && s.video == video; });
+  };
+  static const std::map<uint32_t, std::string> ids = {
+      {FourCC("VP8 "), "V_VP8"},     {FourCC("H264"), "V_MPEG4/ISO/AVC"}, {FourCC("MP4V"), "V_MPEG4/ISO/ASP"},
+      {FourCC("VP62"), "V_ON2VP6"},  {FourCC("LPCM"), "A_PCM/INT/LIT"},   {FourCC("AAC "), "A_AAC"},
+      {FourCC("MP3 "), "A_MPEG/L3"}};
+  if (job.video) {
+    TTrackSpec v;
+    v.number = 1;
+    v.codecId = ids.at(job.video->codec);
+    v.codecName = job.video->displayName;
+    v.defaultDuration = static_cast<uint64_t>(1.0 / job.video->frameRate * 1e9);
+    v.pixelWidth = job.video->width;
+    v.pixelHeight = job.video->height;
+    if (hasConfig(true) && (job.video->codec == FourCC("H264") || job.video->codec == FourCC("MP4V"))) v.codecPrivate = config;
+    ASSERT_EQ(w.addTrack(v), TWriteResult::kOk);
+    w.trackElement(1)->trackTimecodeScale_->set(1.0);
+  }
+  if (job.audio) {
+    TTrackSpec a;
+    a.kind = TTrackKind::kAudio;
+    a.number = 2;
+    a.codecId = ids.at(job.audio->codec);
+    a.codecName = job.audio->displayName;
+    a.flagLacing = 1;
+    a.samplingFrequency = job.audio->sampleRate;
+    a.channels = 2;
+    a.bitDepth = job.audio->bitsPerSample;
+    if (hasConfig(false) && job.audio->codec == FourCC("AAC ")) a.codecPrivate = config;
+    ASSERT_EQ(w.addTrack(a), TWriteResult::kOk);
+    w.trackElement(2)->trackTimecodeScale_->set(1.0);
+  }
+  auto ns = [](int64_t t, uint64_t units) { return static_cast<int64_t>(std::llround(t * 1000.0 / units)) * 1000000; };
+  std::vector<int64_t> audioTimes;
+  for (const auto& s : job.samples)
+    for (const auto& p : s.packets) audioTimes.push_back(ns(p.timeValue, p.timeUnits));
+  uint32_t seed = 1;
+  size_t audioIndex = 0;
+  for (const auto& s : job.samples) {
+    if (s.video) {
+      const Bytes data = filler(s.size, seed++);
+      TWriterFrame f{1, data.data(), data.size(), ns(s.time, s.units), ns(s.time - s.offset, s.units),
+                     static_cast<int64_t>(frameMs) * 1000000, s.key};
+      ASSERT_EQ(w.write(f), TWriteResult::kOk);
+      continue;
+    }
+    for (const auto& p : s.packets) {
+      const int64_t t = audioTimes[audioIndex++];
+      const int64_t next = audioIndex < audioTimes.size() ? audioTimes[audioIndex] : t + 1000000;
+      TWriterFrame f{2, p.bytes.data(), p.bytes.size(), t, t, std::max<int64_t>(next - t, 0), false};
+      ASSERT_EQ(w.write(f), TWriteResult::kOk);
+    }
+  }
+  w.finish();
+}
+
 RefVideoParams video(uint32_t codec, double rate, std::optional<uint32_t> interval = {}) {
   const uint32_t maker = codec == FourCC("VP8 ") ? FourCC("ON2!") : kKvi;
   return RefVideoParams{maker, codec, 640, 360, rate, "video", interval, {}, {}};
@@ -123,18 +195,19 @@ void interleaved(Job& j, int64_t ms, double rate, int gop, int64_t step, size_t 
 struct Scenario {
   const char* name;
   uint64_t hash;
+  bool direct;  // also written straight through the writer
   std::function<void(Job&)> build;
 };
 
 const std::vector<Scenario>& scenarios() {
   static const std::vector<Scenario> all = {
-      {"ties between audio and video", 0x20af23098b2121deull,
+      {"ties between audio and video", 0x20af23098b2121deull, true,
        [](Job& j) {
          j.video = video(FourCC("VP8 "), 25);
          j.audio = audio(FourCC("LPCM"));
          interleaved(j, 4000, 25, 25, 20);
        }},
-      {"vorbis headers and webm", 0x54d88c409826f594ull,
+      {"vorbis headers and webm", 0x54d88c409826f594ull, false,
        [](Job& j) {
          j.webm = true;
          j.video = video(FourCC("VP8 "), 30);
@@ -143,14 +216,14 @@ const std::vector<Scenario>& scenarios() {
          for (int h = 0; h < 3; ++h) j.addAudio({0}, 300u + 40u * static_cast<unsigned>(h));
          interleaved(j, 3000, 30, 30, 23);
        }},
-      {"long gops with an interval hint", 0xa812cebbaaa4cf53ull,
+      {"long gops with an interval hint", 0xa812cebbaaa4cf53ull, false,
        [](Job& j) {
          j.video = video(FourCC("H264"), 29.97, 300);
          j.audio = audio(FourCC("AAC "));
          j.hintEnd = 40000;
          interleaved(j, 40000, 29.97, 300, 21, 120, 30);
        }},
-      {"gaps over 32 seconds", 0x75a249e5bd0fac2bull,
+      {"gaps over 32 seconds", 0x75a249e5bd0fac2bull, true,
        [](Job& j) {
          j.video = video(FourCC("MP4V"), 25);
          j.audio = audio(FourCC("MP3 "));
@@ -159,7 +232,7 @@ const std::vector<Scenario>& scenarios() {
            j.addVideo(t, t % 1000 == 0, 90);
          }
        }},
-      {"b-frames and variable rate", 0x3d4dc0acd34ae3e9ull,
+      {"b-frames and variable rate", 0x3d4dc0acd34ae3e9ull, true,
        [](Job& j) {
          j.video = video(FourCC("H264"), 25);
          j.audio = audio(FourCC("AAC "));
@@ -170,32 +243,32 @@ const std::vector<Scenario>& scenarios() {
            j.addVideo(pts[i], i == 0 || i == 8, 100, i < 8 ? pts[i] - (80 + i * 40) : 0);
          }
        }},
-      {"65600 cue points", 0xd466ed119368a06aull,
+      {"65600 cue points", 0xd466ed119368a06aull, true,
        [](Job& j) {
          j.video = video(FourCC("VP8 "), 1000);
          for (int i = 0; i < 65600; ++i) j.addVideo(i, true, 3);
        }},
-      {"index overflowing its reservation", 0x571cf0f600856fbull,
+      {"index overflowing its reservation", 0x571cf0f600856fbull, true,
        [](Job& j) {
          j.video = video(FourCC("VP8 "), 10);
          j.audio = audio(FourCC("LPCM"));
          j.hintEnd = 500;
          interleaved(j, 120000, 10, 10, 250, 20, 10);
        }},
-      {"chapters and tags with audio only", 0x91273628e53e9100ull,
+      {"chapters and tags with audio only", 0x91273628e53e9100ull, false,
        [](Job& j) {
          j.audio = audio(FourCC("AAC "));
          j.meta = {{"Title", "Chapters"}, {"Comment", "c"}, {"Custom_Name", "v"}};
          j.chapters = {{"One", 0.3}, {"Two", 2.0}, {"Three", 1.5}, {"Four", 45.0}};
          for (int64_t a = 0; a < 50000; a += 640) j.addAudio({a, a + 21, a + 42}, 30);
        }},
-      {"laced pcm in several packets a sample", 0x67030791d38800c7ull,
+      {"laced pcm in several packets a sample", 0x67030791d38800c7ull, true,
        [](Job& j) {
          j.audio = audio(FourCC("LPCM"));
          j.video = video(FourCC("VP62"), 12.5);
          interleaved(j, 3000, 12.5, 12, 10, 50, 20);
        }},
-      {"90 kHz times", 0xd3ff08ddb192b7e3ull,
+      {"90 kHz times", 0xd3ff08ddb192b7e3ull, false,
        [](Job& j) {
          j.video = video(FourCC("VP8 "), 24);
          j.audio = audio(FourCC("VRBS"));
@@ -205,7 +278,7 @@ const std::vector<Scenario>& scenarios() {
            j.addAudio({i * 3750 + 10, i * 3750 + 1900}, 20, 90000);
          }
        }},
-      {"no frames", 0x14650fb0739d0383ull,
+      {"no frames", 0x14650fb0739d0383ull, true,
        [](Job& j) {
          j.video = video(FourCC("VP8 "), 25);
          j.audio = audio(FourCC("LPCM"));
@@ -237,6 +310,10 @@ TEST_F(EngineIdentity, PluginFilesKeepTheirBytes) {
     if (s.hash) {
       EXPECT_EQ(fnv(b), s.hash) << s.name;
     }
+    if (!s.direct) continue;
+    Kapsel::seedUIDs(7);
+    writeDirect(job, dir.path("direct.mkv"));
+    EXPECT_TRUE(readFile(dir.path("direct.mkv")) == b) << s.name;
   }
 }
 
