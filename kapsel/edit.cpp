@@ -14,6 +14,7 @@
 #include "kapsel/crawlers.h"
 #include "kapsel/ebml.h"
 #include "kapsel/file.h"
+#include "kapsel/inplace.h"
 #include "kapsel/payload.h"
 #include "kapsel/segment.h"
 
@@ -21,10 +22,7 @@ namespace Kapsel {
 
 namespace {
 
-constexpr uint64_t kIdEbml = 0x1A45DFA3, kIdDocType = 0x4282, kIdSegment = 0x18538067, kIdVoidElt = 0xEC,
-                   kIdCrc = 0xBF, kIdSeekHead = 0x114D9B74, kIdSeek = 0x4DBB, kIdSeekId = 0x53AB,
-                   kIdSeekPos = 0x53AC, kIdInfo = 0x1549A966, kIdTracks = 0x1654AE6B, kIdTags = 0x1254C367,
-                   kIdChapters = 0x1043A770, kIdCluster = 0x1F43B675;
+using namespace inplace;
 
 const char* nameOf(uint64_t id) {
   switch (id) {
@@ -37,141 +35,12 @@ const char* nameOf(uint64_t id) {
   }
 }
 
-// Raw reads of the file's top level: the clusters are passed over by their sizes, never read.
-class RawReader {
- public:
-  explicit RawReader(const std::string& path) : in_(path, std::ios::binary) {
-    if (in_) {
-      in_.seekg(0, std::ios::end);
-      size_ = static_cast<uint64_t>(in_.tellg());
-    }
-  }
-  bool ok() const { return static_cast<bool>(in_); }
-  uint64_t size() const { return size_; }
-  bool read(uint64_t pos, void* dst, uint64_t n) {
-    if (pos > size_ || n > size_ - pos) return false;
-    in_.clear();
-    in_.seekg(static_cast<std::streamoff>(pos));
-    in_.read(static_cast<char*>(dst), static_cast<std::streamsize>(n));
-    return static_cast<bool>(in_);
-  }
-  // ID and size at pos; `unknown` for an all-ones size.
-  bool header(uint64_t pos, uint64_t& id, uint64_t& size, unsigned& headerBytes, unsigned& sizeWidth, bool& unknown) {
-    unsigned char b[12] = {};
-    const uint64_t n = std::min<uint64_t>(12, size_ > pos ? size_ - pos : 0);
-    if (n < 2 || !read(pos, b, n)) return false;
-    unsigned idLen = 1;
-    while (idLen <= 4 && !(b[0] & (0x80 >> (idLen - 1)))) ++idLen;
-    if (idLen > 4) return false;
-    id = 0;
-    for (unsigned i = 0; i < idLen; ++i) id = id << 8 | b[i];
-    unsigned w = 1;
-    while (w <= 8 && !(b[idLen] & (0x80 >> (w - 1)))) ++w;
-    if (w > 8 || idLen + w > n) return false;
-    size = b[idLen] & (0xFF >> w);
-    bool allOnes = size == (0xFFu >> w);
-    for (unsigned i = 1; i < w; ++i) {
-      size = size << 8 | b[idLen + i];
-      allOnes = allOnes && b[idLen + i] == 0xFF;
-    }
-    unknown = allOnes;
-    headerBytes = idLen + w;
-    sizeWidth = w;
-    return true;
-  }
-
- private:
-  std::ifstream in_;
-  uint64_t size_ = 0;
-};
-
-struct SeekRef {
-  uint64_t id = 0;
-  uint64_t position = 0;  // relative to the Segment's payload
-};
-
-struct SeekHeadMap {
+struct SeekHeadMap : SeekHeadContent {
   size_t element = 0;  // index in the element list
-  std::vector<SeekRef> entries;
-  bool hasCrc = false;
-  bool littleEndianCrc = false;
-  bool plain = true;  // nothing but Seek entries, a CRC-32 and Voids
   bool changed = false;
   bool relocated = false;  // written into a Void before the clusters instead of its own place
   uint64_t target = 0;
 };
-
-uint64_t readUInt(const unsigned char* p, uint64_t n) {
-  uint64_t v = 0;
-  for (uint64_t i = 0; i < n; ++i) v = v << 8 | p[i];
-  return v;
-}
-
-void putId(std::vector<unsigned char>& out, uint64_t id) {
-  unsigned char b[8];
-  const unsigned n = uintEncode(id, b);
-  out.insert(out.end(), b, b + n);
-}
-
-void putSize(std::vector<unsigned char>& out, uint64_t size, unsigned width = 0) {
-  unsigned char b[8];
-  if (width == 0) width = vsizeNumBytes(size);
-  vsizeEncode(size, b, width);
-  out.insert(out.end(), b, b + width);
-}
-
-void putUInt(std::vector<unsigned char>& out, uint64_t id, uint64_t value) {
-  unsigned char b[8];
-  const unsigned n = uintEncode(value, b);
-  putId(out, id);
-  putSize(out, n);
-  out.insert(out.end(), b, b + n);
-}
-
-// The largest size a size field of this width holds (all ones means unknown).
-uint64_t vsizeLargest(unsigned width) { return width >= 8 ? (1ull << 56) - 2 : (1ull << (7 * width)) - 2; }
-
-// A Void of exactly `total` bytes (at least 2).
-std::vector<unsigned char> voidBytes(uint64_t total) {
-  std::vector<unsigned char> out;
-  unsigned w = 1;
-  while (w < 8 && total - 1 - w > vsizeLargest(w)) ++w;
-  out.push_back(0xEC);
-  putSize(out, total - 1 - w, w);
-  out.resize(total, 0);
-  return out;
-}
-
-// A SeekHead holding the map's entries, with a CRC-32 first when it had one.
-std::vector<unsigned char> seekHeadBytes(const SeekHeadMap& h) {
-  std::vector<unsigned char> payload;
-  for (const auto& e : h.entries) {
-    std::vector<unsigned char> seek;
-    unsigned char idBytes[8];
-    const unsigned n = uintEncode(e.id, idBytes);
-    putId(seek, kIdSeekId);
-    putSize(seek, n);
-    seek.insert(seek.end(), idBytes, idBytes + n);
-    putUInt(seek, kIdSeekPos, e.position);
-    putId(payload, kIdSeek);
-    putSize(payload, seek.size());
-    payload.insert(payload.end(), seek.begin(), seek.end());
-  }
-  std::vector<unsigned char> bytes;
-  putId(bytes, kIdSeekHead);
-  putSize(bytes, payload.size() + (h.hasCrc ? 6 : 0));
-  if (h.hasCrc) {
-    Crc32 crc;
-    crc.compute(payload.data(), payload.size());
-    uint32_t sum = crc.checksum();
-    if (h.littleEndianCrc) sum = __builtin_bswap32(sum);
-    const unsigned char c[6] = {0xBF, 0x84, static_cast<unsigned char>(sum >> 24), static_cast<unsigned char>(sum >> 16),
-                                static_cast<unsigned char>(sum >> 8), static_cast<unsigned char>(sum)};
-    bytes.insert(bytes.end(), c, c + 6);
-  }
-  bytes.insert(bytes.end(), payload.begin(), payload.end());
-  return bytes;
-}
 
 uint64_t randomUid() {
   static std::mt19937_64 engine{std::random_device{}()};
@@ -361,7 +230,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
       return false;
     }
     if (id == kIdSegment) break;
-    if (id != kIdVoidElt || unknown) {
+    if (id != kIdVoid || unknown) {
       error = path + ": no Segment after the EBML header";
       return false;
     }
@@ -395,7 +264,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
       s.segmentLast = false;
       break;
     }
-    if (id == kIdVoidElt && !s.elements.empty() && s.elements.back().id != kIdVoidElt &&
+    if (id == kIdVoid && !s.elements.empty() && s.elements.back().id != kIdVoid &&
         s.elements.back().voidAfter == 0)
       s.elements.back().voidAfter = hb + size;
     if (id == kIdCluster && s.firstCluster == 0) s.firstCluster = pos;
@@ -408,44 +277,7 @@ bool InPlaceEditor::open(const std::string& path, std::string& error) {
         error = path + ": unreadable SeekHead";
         return false;
       }
-      for (uint64_t q = 0; q < size;) {
-        unsigned char tmp[12] = {};
-        std::copy(bytes.begin() + q, bytes.begin() + std::min<uint64_t>(size, q + 12), tmp);
-        unsigned idLen = 1, sw = 1;
-        while (idLen <= 4 && !(tmp[0] & (0x80 >> (idLen - 1)))) ++idLen;
-        if (idLen > 4) { map.plain = false; break; }
-        const uint64_t cid = readUInt(tmp, idLen);
-        const uint64_t csize = vsizeDecode(tmp + idLen, sw);
-        if (sw == 0 || q + idLen + sw + csize > size) { map.plain = false; break; }
-        const unsigned char* payload = bytes.data() + q + idLen + sw;
-        if (cid == kIdCrc && csize == 4 && q == 0) {
-          map.hasCrc = true;
-          Crc32 crc;
-          crc.compute(payload + 4, size - q - idLen - sw - 4);
-          map.littleEndianCrc = __builtin_bswap32(crc.checksum()) == readUInt(payload, 4);
-        } else if (cid == kIdSeek) {
-          SeekRef e;
-          bool hasId = false, hasPos = false;
-          for (uint64_t r = 0; r < csize;) {
-            unsigned char t2[12] = {};
-            std::copy(payload + r, payload + std::min<uint64_t>(csize, r + 12), t2);
-            unsigned il = 1, w2 = 1;
-            while (il <= 4 && !(t2[0] & (0x80 >> (il - 1)))) ++il;
-            const uint64_t gid = il > 4 ? 0 : readUInt(t2, il);
-            const uint64_t gsize = il > 4 ? 0 : vsizeDecode(t2 + il, w2);
-            if (il > 4 || w2 == 0 || r + il + w2 + gsize > csize || gsize > 8) { map.plain = false; break; }
-            if (gid == kIdSeekId) e.id = readUInt(payload + r + il + w2, gsize), hasId = true;
-            else if (gid == kIdSeekPos) e.position = readUInt(payload + r + il + w2, gsize), hasPos = true;
-            else map.plain = false;
-            r += il + w2 + gsize;
-          }
-          if (hasId && hasPos) map.entries.push_back(e);
-          else map.plain = false;
-        } else if (cid != kIdVoidElt) {
-          map.plain = false;
-        }
-        q += idLen + sw + csize;
-      }
+      static_cast<SeekHeadContent&>(map) = parseSeekHead(bytes.data(), size);
       s.seekHeads.push_back(map);
     }
     pos += hb + size;
@@ -660,13 +492,13 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
   // Free Voids: before the clusters, and not the room of an element that changes or of a seek head.
   for (size_t j = 1; j < s.elements.size(); ++j) {
     const TopElement& v = s.elements[j];
-    if (v.id != kIdVoidElt || v.position >= s.firstCluster || s.elements[j - 1].voidAfter == v.size) continue;
+    if (v.id != kIdVoid || v.position >= s.firstCluster || s.elements[j - 1].voidAfter == v.size) continue;
     s.gaps.push_back(State::Gap{v.position, v.size, false});
   }
   for (size_t j = 0; j + 1 < s.elements.size(); ++j) {
     bool reserved = s.elements[j].id == kIdSeekHead;
     for (const auto& c : s.changes) reserved = reserved || c.index == static_cast<long>(j);
-    if (reserved || s.elements[j].voidAfter == 0 || s.elements[j].id == kIdVoidElt) continue;
+    if (reserved || s.elements[j].voidAfter == 0 || s.elements[j].id == kIdVoid) continue;
     // The Void after an element that stays is free as well.
     const TopElement& v = s.elements[j + 1];
     if (v.position < s.firstCluster) s.gaps.push_back(State::Gap{v.position, v.size, false});

@@ -42,11 +42,19 @@ struct OptimizeOptions {
   bool force = false;
 };
 
+struct RepairOptions {
+  std::string file;
+  bool dryRun = false;
+  bool quiet = false;
+  std::string progress;  // for progressMode()
+};
+
 int runMux(const MuxOptions& options, const std::string& programPath);
 int runInfo(const InfoOptions& options);
 int runOptimize(const OptimizeOptions& options);
 // The arguments after "edit", in order: track options apply to the --track before them.
 int runEdit(const std::vector<std::string>& args);
+int runRepair(const RepairOptions& options);
 
 // One line on standard error, the way every failure is reported.
 int fail(const std::string& message);

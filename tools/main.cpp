@@ -101,6 +101,13 @@ int main(int argc, char** argv) {
   editCmd->prefix_command();
   editCmd->set_help_flag();
 
+  RepairOptions repair;
+  auto* repairCmd = app.add_subcommand("repair", "Mend in place a file cut off while being written (sizes, Cues, Duration)");
+  repairCmd->add_option("file", repair.file, "File to repair")->required();
+  repairCmd->add_flag("--dry-run", repair.dryRun, "Say what would be written, write nothing");
+  repairCmd->add_flag("-q,--quiet", repair.quiet, "No progress and no summary; only errors");
+  addProgressOption(repairCmd, repair.progress);
+
   if (const int status = parseCommandLine(app, argc, argv); status >= 0) return status;
 
   installSignalHandlers();
@@ -124,5 +131,6 @@ int main(int argc, char** argv) {
   }
   if (*infoCmd) return runInfo(info);
   if (*editCmd) return runEdit(editCmd->remaining());
+  if (*repairCmd) return runRepair(repair);
   return runOptimize(opt);
 }
