@@ -14,3 +14,14 @@ if [ ${#missing[@]} -gt 0 ]; then
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
+
+# The browser test's packages: without them that test skips, so a failure here is only a warning.
+browser=()
+dpkg-query -W -f='${Status}' chromium 2>/dev/null | grep -q "install ok installed" || browser+=(chromium)
+command -v node >/dev/null || browser+=(nodejs)
+command -v npm >/dev/null || browser+=(npm)
+if [ ${#browser[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  { apt-get update -qq && apt-get install -y -qq --no-install-recommends "${browser[@]}"; } ||
+    echo "setup: could not install ${browser[*]}; the browser test will be skipped" >&2
+fi
