@@ -11,7 +11,8 @@ struct MuxOptions {
   std::vector<std::string> inputs;
   std::string output;
   std::string format;  // "mkv", "webm" or empty: from the extension
-  std::string plugin;
+  bool usePlugin = false;  // mux through the formatter module (one video, one audio stream)
+  std::string plugin;      // with usePlugin: the module; empty: looked up
   bool noVideo = false;
   bool noAudio = false;
   int videoStream = -1;
@@ -19,8 +20,13 @@ struct MuxOptions {
   std::vector<std::pair<std::string, std::string>> meta;
   std::vector<std::pair<double, std::string>> chapters;
   unsigned keyframeInterval = 0;
+  // Streams to keep as (input, stream), in output order; empty: every stream that can be written.
+  std::vector<std::pair<int, int>> maps;
+  // Per output track (1-based number): language, name and default flag.
+  std::vector<std::pair<unsigned, std::string>> languages, trackNames;
+  std::vector<std::pair<unsigned, bool>> defaultTracks;
   bool quiet = false;
-  bool verbose = false;   // also the formatter module's own summary lines
+  bool verbose = false;   // also the formatter module's or the writer's summary lines
   std::string progress;   // for progressMode()
 };
 

@@ -60,22 +60,28 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
 
   MuxOptions mux;
-  std::vector<std::string> metaArgs, chapterArgs;
-  auto* muxCmd = app.add_subcommand("mux", "Write the best video and audio streams of the inputs into one file");
+  std::vector<std::string> metaArgs, chapterArgs, mapArgs, languageArgs, nameArgs, defaultArgs;
+  auto* muxCmd = app.add_subcommand("mux", "Write the video, audio and subtitle streams of the inputs into one file");
   muxCmd->add_option("inputs", mux.inputs, "Input media files (anything libavformat opens; - reads standard input)")
       ->required();
   muxCmd->add_option("-o,--output", mux.output, "Output file (.webm gives WebM, anything else Matroska)")->required();
   muxCmd->add_option("--format", mux.format, "Output kind regardless of the extension")->check(CLI::IsMember({"mkv", "webm"}));
-  muxCmd->add_option("--plugin", mux.plugin, "Formatter module to load");
+  // A flag that also takes =PATH, so that the word after it stays an input.
+  auto* pluginFlag = muxCmd->add_flag("--plugin{}", mux.plugin,
+                                      "Mux through the formatter module (one video, one audio stream); =PATH names it");
   muxCmd->add_flag("--no-video", mux.noVideo, "Leave video out");
   muxCmd->add_flag("--no-audio", mux.noAudio, "Leave audio out");
-  muxCmd->add_option("--video-stream", mux.videoStream, "Index of the video stream (in the first input that has it)");
-  muxCmd->add_option("--audio-stream", mux.audioStream, "Index of the audio stream (in the first input that has it)");
+  muxCmd->add_option("--video-stream", mux.videoStream, "Keep only this video stream (its index in the first input that has it)");
+  muxCmd->add_option("--audio-stream", mux.audioStream, "Keep only this audio stream (its index in the first input that has it)");
+  repeatable(muxCmd->add_option("--map", mapArgs, "Keep stream INPUT:STREAM (0-based; repeatable, in output order)"));
+  repeatable(muxCmd->add_option("--language", languageArgs, "Language TRACK:LANG of output track TRACK (1-based; ISO 639-2)"));
+  repeatable(muxCmd->add_option("--track-name", nameArgs, "Name TRACK:NAME of output track TRACK (1-based)"));
+  repeatable(muxCmd->add_option("--default-track", defaultArgs, "Default flag TRACK:0|1 of output track TRACK (1-based)"));
   repeatable(muxCmd->add_option("--meta", metaArgs, "Metadata NAME=VALUE (repeatable)"));
   repeatable(muxCmd->add_option("--chapter", chapterArgs, "Chapter SECONDS=NAME (repeatable)"));
   muxCmd->add_option("--keyframe-interval", mux.keyframeInterval, "Key-frame interval the compressor reports");
   muxCmd->add_flag("-q,--quiet", mux.quiet, "No progress and no summary; only errors");
-  muxCmd->add_flag("-v,--verbose", mux.verbose, "Also show the formatter module's own summary lines");
+  muxCmd->add_flag("-v,--verbose", mux.verbose, "Also show the formatter module's or the writer's summary lines");
   addProgressOption(muxCmd, mux.progress);
 
   InfoOptions info;
@@ -127,6 +133,44 @@ int main(int argc, char** argv) {
       if (eq == std::string::npos || seconds < 0 || !end || *end) return usageError("--chapter takes SECONDS=NAME, not '" + c + "'");
       mux.chapters.emplace_back(seconds, c.substr(eq + 1));
     }
+    mux.usePlugin = pluginFlag->count() > 0;
+    // NUMBER:REST with NUMBER a whole number from `least`; false when the argument is not of that form.
+    auto numbered = [](const std::string& arg, unsigned least, unsigned& number, std::string& rest) {
+      const size_t colon = arg.find(':');
+      if (colon == std::string::npos || colon == 0 || colon > 9) return false;
+      const std::string digits = arg.substr(0, colon);
+      if (digits.find_first_not_of("0123456789") != std::string::npos) return false;
+      number = static_cast<unsigned>(std::stoul(digits));
+      rest = arg.substr(colon + 1);
+      return number >= least;
+    };
+    unsigned number = 0;
+    std::string rest;
+    for (const auto& m : mapArgs) {
+      if (!numbered(m, 0, number, rest) || rest.empty() || rest.size() > 9 ||
+          rest.find_first_not_of("0123456789") != std::string::npos)
+        return usageError("--map takes INPUT:STREAM (numbers from 0), not '" + m + "'");
+      if (number >= mux.inputs.size())
+        return usageError("--map " + m + ": input " + std::to_string(number) + " is not given (inputs count from 0)");
+      mux.maps.emplace_back(static_cast<int>(number), std::stoi(rest));
+    }
+    for (const auto& l : languageArgs) {
+      if (!numbered(l, 1, number, rest) || rest.size() != 3 ||
+          !std::all_of(rest.begin(), rest.end(), [](char c) { return c >= 'a' && c <= 'z'; }))
+        return usageError("--language takes TRACK:LANG (track from 1, a three-letter ISO 639-2 code), not '" + l + "'");
+      mux.languages.emplace_back(number, rest);
+    }
+    for (const auto& n : nameArgs) {
+      if (!numbered(n, 1, number, rest)) return usageError("--track-name takes TRACK:NAME (track from 1), not '" + n + "'");
+      mux.trackNames.emplace_back(number, rest);
+    }
+    for (const auto& d : defaultArgs) {
+      if (!numbered(d, 1, number, rest) || (rest != "0" && rest != "1"))
+        return usageError("--default-track takes TRACK:0 or TRACK:1 (track from 1), not '" + d + "'");
+      mux.defaultTracks.emplace_back(number, rest == "1");
+    }
+    if (mux.usePlugin && (!mux.maps.empty() || !mux.languages.empty() || !mux.trackNames.empty() || !mux.defaultTracks.empty()))
+      return usageError("--map, --language, --track-name and --default-track do not go with --plugin");
     return runMux(mux, argv[0]);
   }
   if (*infoCmd) return runInfo(info);

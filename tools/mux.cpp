@@ -1,35 +1,17 @@
-// kapsel mux: plays the host for the formatter plug-in.
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavcodec/bsf.h>
-#include <libavformat/avformat.h>
-#include <libavutil/channel_layout.h>
-}
+// kapsel mux: every stream of the inputs that the output can hold, written with the library's streaming writer.
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
-#include <cstdio>
 #include <csignal>
-#include <cstdlib>
-#include <deque>
+#include <cstdio>
 #include <filesystem>
 #include <iostream>
-#include <map>
-#include <memory>
 #include <sstream>
 
-#include "formatter/kapsel_formatter_results.h"
-#include "host_sdk/host_sdk.h"
-#include "host_sdk/plugin_module.h"
-#include "host_sdk/reference.h"
-#include "kapsel/kapsel.h"
+#include "kapsel/writer.h"
 #include "tools/cli_support.h"
 #include "tools/commands.h"
+#include "tools/mux_common.h"
 
 namespace kapsel_cli {
 
@@ -37,515 +19,312 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string findPlugin(const std::string& chosen, const std::string& programPath, std::string& error) {
-  std::vector<std::string> candidates;
-  if (!chosen.empty()) {
-    candidates.push_back(chosen);
-  } else {
-    if (const char* env = std::getenv("KAPSEL_PLUGIN")) candidates.push_back(env);
-    std::error_code ec;
-    fs::path self = fs::canonical("/proc/self/exe", ec);
-    if (ec) self = fs::absolute(programPath, ec);
-    const fs::path dir = self.parent_path();
-    candidates.push_back((dir / "kapsel_formatter.so").string());
-    candidates.push_back((dir / "../lib/kapsel/kapsel_formatter.so").string());
-    candidates.push_back((dir / "../formatter/kapsel_formatter.so").string());
-  }
-  for (const auto& c : candidates)
-    if (access(c.c_str(), R_OK) == 0) return c;
-  error = chosen.empty() ? "cannot find the formatter module kapsel_formatter.so (use --plugin PATH)"
-                         : "cannot read the formatter module " + chosen;
-  return "";
-}
+bool attachedPicture(const AVStream* st) { return (st->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0; }
 
-struct Codec {
-  uint32_t maker = 0;
-  uint32_t code = 0;
-  const char* name = "";
-};
+std::string streamName(const StreamRef& r) { return "stream " + std::to_string(r.first) + ":" + std::to_string(r.second); }
 
-Codec videoCodecFor(AVCodecID id) {
-  switch (id) {
-    case AV_CODEC_ID_VP8: return {FourCC("ON2!"), FourCC("VP8 "), "VP8"};
-    case AV_CODEC_ID_H264: return {FourCC("KVI "), FourCC("H264"), "H.264"};
-    case AV_CODEC_ID_MPEG4: return {FourCC("KVI "), FourCC("MP4V"), "MPEG-4 Part 2"};
-    default: return {0, 0, avcodec_get_name(id)};
-  }
-}
-
-Codec audioCodecFor(AVCodecID id) {
-  switch (id) {
-    case AV_CODEC_ID_VORBIS: return {FourCC("KVI "), FourCC("VRBS"), "Vorbis"};
-    case AV_CODEC_ID_AAC: return {FourCC("KVI "), FourCC("AAC "), "AAC"};
-    case AV_CODEC_ID_MP3: return {FourCC("KVI "), FourCC("MP3 "), "MP3"};
-    case AV_CODEC_ID_AC3: return {FourCC("KVI "), FourCC("AC3 "), "AC-3"};
-    case AV_CODEC_ID_PCM_S16LE:
-    case AV_CODEC_ID_PCM_S24LE:
-    case AV_CODEC_ID_PCM_S32LE:
-    case AV_CODEC_ID_PCM_U8: return {FourCC("KVI "), FourCC("LPCM"), "PCM"};
-    default: return {0, 0, avcodec_get_name(id)};
-  }
-}
-
-std::string upperName(const char* name) {
-  std::string s = name;
-  for (auto& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return s;
-}
-
-const char* channelMode(int channels) {
-  switch (channels) {
-    case 1: return "Mono";
-    case 2: return "Stereo";
-    case 6: return "5.1";
-    case 7: return "6.1";
-    case 8: return "7.1";
-    default: return nullptr;
-  }
-}
-
-const std::map<std::string, std::string>& metadataNames() {
-  static const std::map<std::string, std::string> names = {
-      {"title", "Title"},         {"artist", "Artist"},       {"comment", "Comment"},
-      {"genre", "Genre"},         {"copyright", "Copyright"}, {"description", "Description"},
-      {"encoded_by", "Encoded_By"}, {"publisher", "Publisher"}, {"keywords", "Keywords"},
-      {"producer", "Producer"}};
-  return names;
-}
-
-bool technicalTag(const std::string& key) {
-  static const char* skip[] = {"encoder", "major_brand", "minor_version", "compatible_brands", "creation_time",
-                               "duration", "handler_name", "vendor_id", "language"};
-  for (const char* s : skip)
-    if (key == s) return true;
-  return false;
-}
-
-std::string lower(std::string s) {
-  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-struct Input {
-  AVFormatContext* fmt = nullptr;
-  AVPacket* pending = nullptr;  // the next packet of this input, read ahead for merging inputs
-  std::deque<AVPacket*> ahead;  // packets read before muxing to find the earliest time
-  bool done = false;
-  int error = 0;
-  ~Input() {
-    av_packet_free(&pending);
-    for (AVPacket* p : ahead) av_packet_free(&p);
-    avformat_close_input(&fmt);
-  }
-  // The next packet from the input, nullptr at the end or on an error (kept in `error`).
-  AVPacket* read() {
-    if (done) return nullptr;
-    AVPacket* p = av_packet_alloc();
-    const int err = av_read_frame(fmt, p);
-    if (err >= 0) return p;
-    av_packet_free(&p);
-    done = true;
-    if (err != AVERROR_EOF) error = err;
-    return nullptr;
-  }
-};
-
-int interrupted(void*) { return stopSignal() != 0; }
-
-// Once muxing is stopped by a signal, the demuxers' complaints about the cut-off read are noise.
-void logUnlessStopped(void* context, int level, const char* format, va_list args) {
-  if (!stopSignal()) av_log_default_callback(context, level, format, args);
-}
-
-struct Selected {
-  int input = -1;
-  int stream = -1;
-  AVStream* st = nullptr;
-  Codec codec;
-  uint64_t frames = 0;
-  uint64_t bytes = 0;
-  bool sentConfig = false;
-  std::vector<uint8_t> config;
-  AVBSFContext* bsf = nullptr;
-  int64_t lastTime = 0;
-  ~Selected() { av_bsf_free(&bsf); }
-};
-
-std::string averr(int code) {
-  char buf[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, buf, sizeof buf);
+std::string seconds(int64_t ns) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.3f s", ns / 1e9);
   return buf;
 }
 
-// Splits Xiph-laced Vorbis extradata into its three header packets.
-bool vorbisHeaders(const uint8_t* data, size_t size, std::vector<std::vector<uint8_t>>& headers) {
-  if (size < 3 || data[0] != 2) return false;
-  size_t pos = 1;
-  size_t sizes[2] = {0, 0};
-  for (auto& s : sizes) {
-    while (pos < size && data[pos] == 255) s += data[pos++];
-    if (pos >= size) return false;
-    s += data[pos++];
-  }
-  if (sizes[0] + sizes[1] > size - pos) return false;
-  headers.assign({std::vector<uint8_t>(data + pos, data + pos + sizes[0]),
-                  std::vector<uint8_t>(data + pos + sizes[0], data + pos + sizes[0] + sizes[1]),
-                  std::vector<uint8_t>(data + pos + sizes[0] + sizes[1], data + size)});
-  return true;
-}
-
-// The written file must end with its Segment size patched; otherwise a write failed on the way.
-bool outputComplete(const std::string& path) {
-  Kapsel::FileStorage in(path, Kapsel::File::kReadOnly);
-  if (!in.file().isOpen()) return false;
-  const uint64_t fileSize = in.file().size();
-  if (Kapsel::loadEbmlId(in) != 0x1A45DFA3) return false;
-  unsigned n = 0;
-  const uint64_t headSize = Kapsel::vsizeDecode(in, n);
-  if (n == 0 || headSize == ~0ull) return false;
-  in.file().seek(static_cast<int64_t>(headSize), Kapsel::File::kRelativeToCurrent);
-  if (Kapsel::loadEbmlId(in) != 0x18538067) return false;
-  const uint64_t segSize = Kapsel::vsizeDecode(in, n);
-  const uint64_t payload = in.file().absolutePosition();
-  return n != 0 && segSize != ~0ull && payload + segSize == fileSize;
-}
-
-constexpr AVRational kNanoseconds{1, 1000000000};
-
-// Nanoseconds to add to every time so that none of the chosen streams starts before zero (0 when none does). The
-// packets read to find out are kept for muxing; half a second past each stream's first packet covers reordering.
-int64_t startShift(std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::pair<int, int>>& chosen) {
-  int64_t earliest = 0;
-  AVRational earliestBase{1, 1};
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    Input& in = *inputs[i];
-    // Per stream: INT64_MAX before its first packet, then the end of its look-ahead, INT64_MIN once past it.
-    std::map<int, int64_t> until;
-    for (const auto& c : chosen)
-      if (c.first == static_cast<int>(i)) until[c.second] = INT64_MAX;
-    auto looking = [&] {
-      return std::any_of(until.begin(), until.end(), [](const auto& u) { return u.second != INT64_MIN; });
-    };
-    for (size_t count = 0; looking() && count < 2000; ++count) {
-      AVPacket* p = in.read();
-      if (!p) break;
-      in.ahead.push_back(p);
-      auto u = until.find(p->stream_index);
-      const int64_t t = p->pts != AV_NOPTS_VALUE ? p->pts : p->dts;
-      if (u == until.end() || t == AV_NOPTS_VALUE) continue;
-      const AVRational tb = in.fmt->streams[p->stream_index]->time_base;
-      if (av_compare_ts(t, tb, earliest, earliestBase) < 0) earliest = t, earliestBase = tb;
-      const int64_t us = av_rescale_q(t, tb, AV_TIME_BASE_Q);
-      if (u->second == INT64_MAX)
-        u->second = us + AV_TIME_BASE / 2;
-      else if (us >= u->second)
-        u->second = INT64_MIN;
+// The streams to keep, in output order: the mapped ones, or every stream the options do not leave out.
+bool chooseStreams(const MuxOptions& o, const InputList& inputs, std::vector<StreamRef>& chosen, std::string& error) {
+  if (!o.maps.empty()) {
+    for (const StreamRef& m : o.maps) {
+      const unsigned count = inputs[static_cast<size_t>(m.first)]->fmt->nb_streams;
+      if (m.second < 0 || static_cast<unsigned>(m.second) >= count)
+        return error = "--map " + std::to_string(m.first) + ":" + std::to_string(m.second) + ": " +
+                       inputs[static_cast<size_t>(m.first)]->path + " has " + std::to_string(count) + " streams",
+               false;
+      if (std::find(chosen.begin(), chosen.end(), m) != chosen.end())
+        return error = "--map " + std::to_string(m.first) + ":" + std::to_string(m.second) + " is given twice", false;
+      chosen.push_back(m);
     }
+    return true;
   }
-  // Rounded so that the earliest packet lands on zero or just after it, never before.
-  return -av_rescale_q_rnd(earliest, earliestBase, kNanoseconds, AV_ROUND_DOWN);
-}
-
-// One line per stream of the inputs that the output will not carry.
-void reportLeftOut(const std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::pair<int, int>>& chosen) {
+  // --video-stream N and --audio-stream N name stream N of the first input where it is of that kind.
+  auto only = [&](AVMediaType type, int wanted, StreamRef& ref) {
+    if (wanted < 0) return true;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      const AVFormatContext* f = inputs[i]->fmt;
+      if (wanted < static_cast<int>(f->nb_streams) && f->streams[wanted]->codecpar->codec_type == type &&
+          !attachedPicture(f->streams[wanted])) {
+        ref = {static_cast<int>(i), wanted};
+        return true;
+      }
+    }
+    error = "stream " + std::to_string(wanted) + " is not " + (type == AVMEDIA_TYPE_VIDEO ? "a video" : "an audio") +
+            " stream";
+    return false;
+  };
+  StreamRef video(-1, -1), audio(-1, -1);
+  if ((!o.noVideo && !only(AVMEDIA_TYPE_VIDEO, o.videoStream, video)) ||
+      (!o.noAudio && !only(AVMEDIA_TYPE_AUDIO, o.audioStream, audio)))
+    return false;
   for (size_t i = 0; i < inputs.size(); ++i) {
     const AVFormatContext* f = inputs[i]->fmt;
     for (unsigned s = 0; s < f->nb_streams; ++s) {
-      if (std::find(chosen.begin(), chosen.end(), std::make_pair(static_cast<int>(i), static_cast<int>(s))) !=
-          chosen.end())
+      const StreamRef ref(static_cast<int>(i), static_cast<int>(s));
+      const AVStream* st = f->streams[s];
+      const AVMediaType type = st->codecpar->codec_type;
+      if (type == AVMEDIA_TYPE_VIDEO && !attachedPicture(st) && (o.noVideo || (video.first >= 0 && ref != video)))
         continue;
-      const AVCodecParameters* p = f->streams[s]->codecpar;
-      const char* kind = av_get_media_type_string(p->codec_type);
-      const AVDictionaryEntry* lang = av_dict_get(f->streams[s]->metadata, "language", nullptr, 0);
-      std::cerr << "kapsel: leaving out stream " << i << ":" << s << " (" << (kind ? kind : "unknown") << ", "
-                << avcodec_get_name(p->codec_id) << ", " << (lang ? lang->value : "und") << ")\n";
+      if (type == AVMEDIA_TYPE_AUDIO && (o.noAudio || (audio.first >= 0 && ref != audio))) continue;
+      if (type == AVMEDIA_TYPE_DATA || type == AVMEDIA_TYPE_UNKNOWN) continue;
+      chosen.push_back(ref);
+    }
+  }
+  return true;
+}
+
+// The default flag of each track: the input's own where its format keeps one (Matroska, or any of its streams marked
+// default); the other inputs' first video and first audio track are the default when no track of that kind is.
+void defaultFlags(std::vector<std::unique_ptr<OutTrack>>& tracks, const InputList& inputs) {
+  std::vector<bool> keepsFlags;
+  for (const auto& in : inputs) {
+    bool keeps = std::string(in->fmt->iformat->name).find("matroska") != std::string::npos;
+    for (unsigned s = 0; s < in->fmt->nb_streams; ++s) keeps |= (in->fmt->streams[s]->disposition & AV_DISPOSITION_DEFAULT) != 0;
+    keepsFlags.push_back(keeps);
+  }
+  for (Kapsel::TTrackKind kind : {Kapsel::TTrackKind::kVideo, Kapsel::TTrackKind::kAudio, Kapsel::TTrackKind::kSubtitle}) {
+    bool any = false;
+    for (auto& t : tracks) {
+      if (t->spec.kind != kind || !keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
+      const bool on = (t->st->disposition & AV_DISPOSITION_DEFAULT) != 0;
+      t->spec.flagDefault = on ? 1 : 0;
+      any |= on;
+    }
+    for (auto& t : tracks) {
+      if (t->spec.kind != kind || keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
+      const bool on = !any && kind != Kapsel::TTrackKind::kSubtitle;
+      t->spec.flagDefault = on ? 1 : 0;
+      any |= on;
     }
   }
 }
 
-std::string humanBytes(double b) {
-  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  int u = 0;
-  while (b >= 1024 && u < 4) {
-    b /= 1024;
-    ++u;
+// Chapters of the first input that has any (with their ends), and --chapter ones (without), by start time.
+std::vector<Kapsel::TChapterSpec> chapterList(const MuxOptions& o, const InputList& inputs) {
+  std::vector<Kapsel::TChapterSpec> list;
+  for (auto& in : inputs) {
+    for (unsigned i = 0; i < in->fmt->nb_chapters; ++i) {
+      const AVChapter* c = in->fmt->chapters[i];
+      const AVDictionaryEntry* t = av_dict_get(c->metadata, "title", nullptr, 0);
+      Kapsel::TChapterSpec spec;
+      spec.start = std::max<int64_t>(av_rescale_q(c->start, c->time_base, kNanoseconds), 0);
+      const int64_t end = c->end == AV_NOPTS_VALUE ? -1 : av_rescale_q(c->end, c->time_base, kNanoseconds);
+      spec.end = end > spec.start ? end : -1;
+      spec.title = t ? t->value : "Chapter " + std::to_string(i + 1);
+      list.push_back(spec);
+    }
+    if (!list.empty()) break;
   }
-  char buf[32];
-  std::snprintf(buf, sizeof buf, u ? "%.1f %s" : "%.0f %s", b, units[u]);
-  return buf;
+  for (const auto& c : o.chapters) {
+    Kapsel::TChapterSpec spec;
+    spec.start = static_cast<int64_t>(std::llround(c.first * 1e9));
+    spec.title = c.second;
+    list.push_back(spec);
+  }
+  std::stable_sort(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.start < b.start; });
+  return list;
+}
+
+const char* kindName(Kapsel::TTrackKind kind) {
+  switch (kind) {
+    case Kapsel::TTrackKind::kVideo: return "video";
+    case Kapsel::TTrackKind::kAudio: return "audio";
+    default: return "subtitle";
+  }
 }
 
 }  // namespace
 
 int runMux(const MuxOptions& o, const std::string& programPath) {
-  av_log_set_level(AV_LOG_ERROR);
-  av_log_set_callback(logUnlessStopped);
+  setUpLibav();
   if (const std::string same = sameFileAs(o.output, o.inputs); !same.empty())
     return fail("the output " + o.output + " is the input " + same + "; write to another file");
-  // Output kind.
   bool webm = o.format == "webm";
   if (o.format.empty()) webm = lower(fs::path(o.output).extension().string()) == ".webm";
-  const uint32_t formatCode = webm ? FourCC("WEBM") : FourCC("MKV ");
-  const char* formatName = webm ? "WebM" : "Matroska";
-
-  // Inputs.
-  std::vector<std::unique_ptr<Input>> inputs;
-  for (const auto& path : o.inputs) {
-    auto in = std::make_unique<Input>();
-    in->fmt = avformat_alloc_context();
-    if (!in->fmt) return fail("out of memory");
-    in->fmt->interrupt_callback = {interrupted, nullptr};
-    // "-" is standard input; a muxer reading it needs no seeking.
-    int err = avformat_open_input(&in->fmt, path == "-" ? "pipe:0" : path.c_str(), nullptr, nullptr);
-    if (err < 0) return fail("cannot read " + (path == "-" ? std::string("standard input") : path) + ": " + averr(err));
-    err = avformat_find_stream_info(in->fmt, nullptr);
-    if (err < 0) return fail("cannot read " + path + ": " + averr(err));
-    inputs.push_back(std::move(in));
-  }
-
-  Selected video, audio;
-  auto pick = [&](AVMediaType type, int wanted, Selected& sel) -> bool {
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      AVFormatContext* f = inputs[i]->fmt;
-      int idx = -1;
-      if (wanted >= 0) {
-        if (wanted < static_cast<int>(f->nb_streams) && f->streams[wanted]->codecpar->codec_type == type) idx = wanted;
-      } else {
-        idx = av_find_best_stream(f, type, -1, -1, nullptr, 0);
-      }
-      if (idx >= 0) {
-        sel.input = static_cast<int>(i);
-        sel.stream = idx;
-        sel.st = f->streams[idx];
-        return true;
-      }
-    }
-    return false;
-  };
-  if (!o.noVideo && !pick(AVMEDIA_TYPE_VIDEO, o.videoStream, video) && o.videoStream >= 0)
-    return fail("stream " + std::to_string(o.videoStream) + " is not a video stream");
-  if (!o.noAudio && !pick(AVMEDIA_TYPE_AUDIO, o.audioStream, audio) && o.audioStream >= 0)
-    return fail("stream " + std::to_string(o.audioStream) + " is not an audio stream");
-  if (!video.st && !audio.st) return fail("no usable video or audio stream in the input");
-  std::vector<std::pair<int, int>> chosen;
-  if (video.st) chosen.emplace_back(video.input, video.stream);
-  if (audio.st) chosen.emplace_back(audio.input, audio.stream);
-  if (!o.quiet) reportLeftOut(inputs, chosen);
-
-  // The plug-in.
+  InputList inputs;
   std::string error;
-  const std::string pluginPath = findPlugin(o.plugin, programPath, error);
-  if (pluginPath.empty()) return fail(error);
-  PluginModule plugin;
-  if (!plugin.open(pluginPath, &error)) return fail(error);
-  if (!plugin.findMaker(formatCode, nullptr)) return fail(std::string("the formatter module does not write ") + formatName);
-  CAFormatter* formatter = plugin.createFor(formatCode);
-  if (!formatter) return fail("the formatter module refused to create a formatter");
-  struct Releaser {
-    CAFormatter*& f;
-    ~Releaser() {
-      if (f) f->Release();
-    }
-  } releaser{formatter};
+  if (!openInputs(o.inputs, inputs, error)) return fail(error);
+  return o.usePlugin ? runPluginMux(o, programPath, inputs, webm) : runWriterMux(o, inputs, webm);
+}
 
-  const std::string accepts =
-      webm ? "it accepts VP8 video and Vorbis audio"
-           : "it accepts VP8, H.264 and MPEG-4 Part 2 video and Vorbis, AAC, AC-3, MP3 and PCM audio";
-  RefVideoCompressor vc;
-  RefAudioCompressor ac;
-  if (video.st) {
-    AVCodecParameters* p = video.st->codecpar;
-    video.codec = videoCodecFor(p->codec_id);
-    if (!video.codec.code || !formatter->SupportsVideoCodec(video.codec.maker, video.codec.code))
-      return fail("Kapsel cannot write " + upperName(video.codec.name) + " video into " + formatName + " yet; " + accepts);
-    if (p->codec_id == AV_CODEC_ID_H264 && (p->extradata_size < 7 || p->extradata[0] != 1))
-      return fail("H.264 without a decoder configuration record (Annex-B stream) is not supported; remux it into MP4 first");
-    if (p->extradata && p->extradata_size > 0) video.config.assign(p->extradata, p->extradata + p->extradata_size);
-    vc.params.maker = video.codec.maker;
-    vc.params.codec = video.codec.code;
-    vc.params.width = static_cast<uint32_t>(p->width);
-    vc.params.height = static_cast<uint32_t>(p->height);
-    AVRational rate = video.st->avg_frame_rate.num ? video.st->avg_frame_rate : video.st->r_frame_rate;
-    vc.params.frameRate = rate.num && rate.den ? av_q2d(rate) : 25.0;
-    vc.params.displayName = video.codec.name;
-    if (o.keyframeInterval) vc.params.keyFrameInterval = o.keyframeInterval;
-  }
-  std::vector<std::vector<uint8_t>> vorbis;
-  if (audio.st) {
-    AVCodecParameters* p = audio.st->codecpar;
-    audio.codec = audioCodecFor(p->codec_id);
-    // The plug-in writes AC-3 into Matroska although it does not list it among the codecs it supports.
-    const bool ac3 = !webm && p->codec_id == AV_CODEC_ID_AC3;
-    if (!audio.codec.code || !(ac3 || formatter->SupportsAudioCodec(audio.codec.maker, audio.codec.code)))
-      return fail("Kapsel cannot write " + upperName(audio.codec.name) + " audio into " + formatName + " yet; " + accepts);
-    const char* mode = channelMode(p->ch_layout.nb_channels);
-    if (!mode) return fail(std::to_string(p->ch_layout.nb_channels) + " audio channels are not supported (1, 2, 6, 7 or 8)");
-    if (p->codec_id == AV_CODEC_ID_VORBIS && !vorbisHeaders(p->extradata, static_cast<size_t>(p->extradata_size), vorbis))
-      return fail("the Vorbis stream has no usable header packets");
-    if (p->codec_id == AV_CODEC_ID_AAC) {
-      if (p->extradata && p->extradata_size > 0) {
-        audio.config.assign(p->extradata, p->extradata + p->extradata_size);
-      } else {
-        // ADTS: headers are stripped and the decoder configuration produced by libavcodec.
-        const AVBitStreamFilter* f = av_bsf_get_by_name("aac_adtstoasc");
-        if (!f || av_bsf_alloc(f, &audio.bsf) < 0 || avcodec_parameters_copy(audio.bsf->par_in, p) < 0 ||
-            (audio.bsf->time_base_in = audio.st->time_base, av_bsf_init(audio.bsf) < 0))
-          return fail("cannot convert the ADTS AAC stream");
-      }
+int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
+  const char* formatName = webm ? "WebM" : "Matroska";
+  std::string error;
+  std::vector<StreamRef> candidates;
+  if (!chooseStreams(o, inputs, candidates, error)) return o.maps.empty() ? fail(error) : usageError(error);
+
+  // Tracks and attachments; streams no track can hold are named and left out, unless they were mapped.
+  std::vector<std::unique_ptr<OutTrack>> tracks;
+  std::vector<Kapsel::TAttachmentSpec> attachments;
+  std::vector<StreamRef> kept;
+  std::map<StreamRef, std::string> why;
+  for (const StreamRef& ref : candidates) {
+    AVFormatContext* f = inputs[static_cast<size_t>(ref.first)]->fmt;
+    const AVStream* st = f->streams[ref.second];
+    if (st->codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT || attachedPicture(st)) {
+      Kapsel::TAttachmentSpec a;
+      if (webm)
+        why[ref] = "WebM holds no attachments";
+      else if (!describeAttachment(st, a))
+        why[ref] = "the attachment holds no data";
+      else
+        attachments.push_back(std::move(a)), kept.push_back(ref);
+      if (!o.maps.empty() && why.count(ref)) return fail(streamName(ref) + ": " + why[ref]);
+      continue;
     }
-    ac.params.maker = audio.codec.maker;
-    ac.params.codec = audio.codec.code;
-    ac.params.sampleRate = static_cast<uint32_t>(p->sample_rate);
-    int bits = p->bits_per_coded_sample ? p->bits_per_coded_sample : av_get_bits_per_sample(p->codec_id);
-    ac.params.bitsPerSample = static_cast<uint32_t>(bits > 0 ? bits : 16);
-    ac.params.channelMode = mode;
-    ac.params.displayName = audio.codec.name;
+    auto t = std::make_unique<OutTrack>();
+    t->ref = ref;
+    std::string message;
+    switch (describeStream(f, ref.second, webm, *t, message)) {
+      case Mapping::kOk:
+        kept.push_back(ref);
+        tracks.push_back(std::move(t));
+        break;
+      case Mapping::kNoCodec:
+        if (!o.maps.empty()) return fail(streamName(ref) + ": " + message);
+        why[ref] = message;
+        break;
+      case Mapping::kNotInWebm:
+      case Mapping::kUnusable:
+        return fail(streamName(ref) + ": " + message);
+    }
+  }
+  if (!o.quiet && o.maps.empty()) reportLeftOut(inputs, kept, why);
+  if (tracks.empty()) return fail("no video, audio or subtitle stream in the input that " + std::string(formatName) + " can hold");
+
+  // Per-track options name output tracks from 1.
+  defaultFlags(tracks, inputs);
+  auto trackFor = [&](const char* option, unsigned number, OutTrack*& t) {
+    if (number > tracks.size()) {
+      error = std::string(option) + " " + std::to_string(number) + ":...: the output has " +
+              std::to_string(tracks.size()) + (tracks.size() == 1 ? " track" : " tracks");
+      return false;
+    }
+    t = tracks[number - 1].get();
+    return true;
+  };
+  OutTrack* t = nullptr;
+  for (const auto& [n, v] : o.languages) {
+    if (!trackFor("--language", n, t)) return usageError(error);
+    t->spec.language = v;
+  }
+  for (const auto& [n, v] : o.trackNames) {
+    if (!trackFor("--track-name", n, t)) return usageError(error);
+    t->spec.name = v;
+  }
+  for (const auto& [n, v] : o.defaultTracks) {
+    if (!trackFor("--default-track", n, t)) return usageError(error);
+    t->spec.flagDefault = v ? 1 : 0;
   }
 
+  std::vector<StreamRef> trackRefs;
+  // libav gives a stream with a codec delay (Opus) times less that delay; Matroska's block times include it.
+  std::map<StreamRef, int64_t> delays;
+  for (auto& tr : tracks) {
+    trackRefs.push_back(tr->ref);
+    if (tr->spec.codecDelay) delays[tr->ref] = static_cast<int64_t>(tr->spec.codecDelay);
+  }
   // Times are shifted alike so that none is negative; the packets read to find out are muxed later.
-  const int64_t shiftNs = startShift(inputs, chosen);
+  const int64_t shiftNs = startShift(inputs, trackRefs, delays);
+  const int64_t duration = longestDuration(inputs);
 
-  // The plug-in writes a temporary file that becomes the output only when it is complete.
   TempOutput temp;
   if (!temp.create(o.output, error)) return fail(error);
   setGracefulStop(true);
 
-  // Host configuration.
-  formatter->SetOutputFile(CKVString(temp.path()));
-  int64_t duration = 0;
-  for (auto& in : inputs)
-    if (in->fmt->duration != AV_NOPTS_VALUE) duration = std::max<int64_t>(duration, in->fmt->duration);
-  formatter->SetDurationHint(0, static_cast<uint64_t>(duration), AV_TIME_BASE);
-  Array_c<CAceNameValuePair> meta;
-  {
-    // Known names in any case become the host's names; --meta replaces the input's entry of the same name.
-    std::vector<std::pair<std::string, std::string>> entries;
-    auto put = [&](const std::string& name, const std::string& value, bool replace) {
-      auto it = metadataNames().find(lower(name));
-      const std::string host = it != metadataNames().end() ? it->second : name;
-      if (replace)
-        entries.erase(std::remove_if(entries.begin(), entries.end(), [&](const auto& e) { return e.first == host; }),
-                      entries.end());
-      entries.emplace_back(host, value);
-    };
-    const AVDictionaryEntry* e = nullptr;
-    while ((e = av_dict_get(inputs[0]->fmt->metadata, "", e, AV_DICT_IGNORE_SUFFIX)))
-      if (!technicalTag(lower(e->key))) put(e->key, e->value, false);
-    for (const auto& m : o.meta) put(m.first, m.second, true);
-    for (const auto& m : entries) meta.Add(CAceNameValuePair(m.first, m.second));
+  Kapsel::TWriterOptions options;
+  options.format = webm ? Kapsel::kFileFormatWebm : Kapsel::kFileFormatMatroska;
+#ifdef KAPSEL_VERSION
+  options.writingApp = std::string("kapsel mux ") + KAPSEL_VERSION;
+#else
+  options.writingApp = "kapsel mux";
+#endif
+  options.durationHint = av_rescale_q(duration, AV_TIME_BASE_Q, kNanoseconds);
+  const auto tags = metadataEntries(inputs[0]->fmt, o.meta, true);
+  for (const auto& [name, value] : tags)
+    if (name == "TITLE") options.title = value;
+  if (o.keyframeInterval) {
+    // A cluster starts at each key frame of the video.
+    for (auto& tr : tracks)
+      if (tr->spec.kind == Kapsel::TTrackKind::kVideo && tr->spec.defaultDuration) {
+        options.expectedClusters =
+            static_cast<uint64_t>(options.durationHint / int64_t(tr->spec.defaultDuration) / o.keyframeInterval) + 1;
+        break;
+      }
   }
-  if (meta.GetCount()) formatter->SetMetaData(&meta);
-  std::vector<std::unique_ptr<CAceMarker>> markers;
-  for (auto& in : inputs) {
-    for (unsigned i = 0; i < in->fmt->nb_chapters; ++i) {
-      const AVChapter* c = in->fmt->chapters[i];
-      const AVDictionaryEntry* t = av_dict_get(c->metadata, "title", nullptr, 0);
-      markers.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter,
-                                                     t ? t->value : "Chapter " + std::to_string(i + 1),
-                                                     static_cast<int64_t>(c->start) * c->time_base.num,
-                                                     static_cast<uint64_t>(c->time_base.den)));
-    }
-    if (!markers.empty()) break;
-  }
-  for (const auto& c : o.chapters)
-    markers.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, c.second, c.first));
-  std::stable_sort(markers.begin(), markers.end(),
-                   [](const auto& a, const auto& b) { return a->GetEncodedFrameTime() < b->GetEncodedFrameTime(); });
-  CAceMarkerPtrList markerList;
-  for (auto& m : markers) markerList.Add(m.get());
-  if (markers.size()) formatter->SetChapterMarkers(&markerList);
-  SetStreams(*formatter, video.st ? &vc : nullptr, audio.st ? &ac : nullptr);
 
-  const uint32_t begun = formatter->BeginFormatting();
-  if (begun == kapsel_formatter::kResultOutputNotOpened) return fail("cannot open " + o.output + " for writing");
-  if (begun == kapsel_formatter::kResultUnknownVideoCodec) return fail("the formatter does not know the video codec " + std::string(video.codec.name));
-  if (begun == kapsel_formatter::kResultUnknownAudioCodec) return fail("the formatter does not know the audio codec " + std::string(audio.codec.name));
-  if (begun != 0) return fail("the formatter refused to start (result " + std::to_string(begun) + ")");
-
-  if (!vorbis.empty()) {
-    std::vector<RefAudioPacket> headers;
-    for (auto& h : vorbis) headers.push_back({h, 0, 1000});
-    KVAudio_t s = MakeAudioSample(headers);
-    formatter->AddAudioSample(&s);
-    ReleaseSample(s);
+  Kapsel::StreamWriter writer;
+  if (writer.open(temp.path(), options) != Kapsel::TWriteResult::kOk) return fail("cannot open " + o.output + " for writing");
+  // Packets of each input go to their track by stream index.
+  std::vector<std::vector<OutTrack*>> byStream(inputs.size());
+  for (size_t i = 0; i < inputs.size(); ++i) byStream[i].assign(inputs[i]->fmt->nb_streams, nullptr);
+  for (auto& tr : tracks) {
+    const Kapsel::TWriteResult r = writer.addTrack(tr->spec, &tr->number);
+    if (r != Kapsel::TWriteResult::kOk) return fail(streamName(tr->ref) + ": " + Kapsel::describe(r));
+    byStream[static_cast<size_t>(tr->ref.first)][static_cast<size_t>(tr->ref.second)] = tr.get();
   }
+  for (const auto& a : attachments) writer.addAttachment(a);
+  for (const auto& c : chapterList(o, inputs)) writer.addChapter(c);
+  for (const auto& [name, value] : tags) writer.addTag({name, value, 0});
 
   Progress progress("mux", progressMode(o.progress, o.quiet), Progress::Speed::RealTime);
   progress.setTotals(duration > 0 ? duration / double(AV_TIME_BASE) : 0, 0);
   const auto started = std::chrono::steady_clock::now();
   uint64_t bytesIn = 0;
-  AVPacket* pkt = av_packet_alloc();
-  AVPacket* filtered = av_packet_alloc();
   int readError = 0;
-  double endSeconds = 0;  // the latest end of a packet handed over, for the interruption message
+  Kapsel::TWriteResult writeResult = Kapsel::TWriteResult::kOk;
+  int64_t endNs = 0;  // the latest end of a packet handed over, for the interruption message
 
-  // Times go over as the input has them, or in nanoseconds when they are shifted.
-  auto timeArgs = [&](int64_t t, AVRational tb, int64_t& value, uint64_t& units) {
-    if (shiftNs == 0) {
-      value = t * tb.num;
-      units = static_cast<uint64_t>(tb.den);
-    } else {
-      value = av_rescale_q(t, tb, kNanoseconds) + shiftNs;
-      units = 1000000000;
-    }
-  };
-  auto noteEnd = [&](const AVPacket* p, int64_t t, AVRational tb) {
-    endSeconds = std::max(endSeconds, (t + std::max<int64_t>(p->duration, 0)) * av_q2d(tb) + shiftNs / 1e9);
-  };
-
-  auto sendVideo = [&](AVPacket* p) {
-    const int64_t pts = p->pts != AV_NOPTS_VALUE ? p->pts : (p->dts != AV_NOPTS_VALUE ? p->dts : video.lastTime);
-    const int64_t dts = p->dts != AV_NOPTS_VALUE ? p->dts : pts;
-    video.lastTime = pts;
-    const AVRational tb = video.st->time_base;
-    const std::vector<uint8_t>* config = !video.sentConfig && !video.config.empty() ? &video.config : nullptr;
-    int64_t value = 0, offset = 0;
-    uint64_t units = 1;
-    timeArgs(pts, tb, value, units);
-    offset = shiftNs == 0 ? (pts - dts) * tb.num : av_rescale_q(pts - dts, tb, kNanoseconds);
-    noteEnd(p, pts, tb);
-    KVImage_t s = MakeVideoSample(p->data, static_cast<size_t>(p->size), value, units, offset,
-                                  (p->flags & AV_PKT_FLAG_KEY) != 0, config);
-    video.sentConfig = true;
-    formatter->AddVideoSample(&s);
-    ReleaseSample(s);
-    ++video.frames;
-    video.bytes += static_cast<uint64_t>(p->size);
-  };
-  auto sendAudio = [&](AVPacket* p) {
-    const int64_t t = p->pts != AV_NOPTS_VALUE ? p->pts : (p->dts != AV_NOPTS_VALUE ? p->dts : audio.lastTime);
-    audio.lastTime = t;
-    const AVRational tb = audio.st->time_base;
-    if (audio.config.empty() && audio.bsf) {
-      size_t n = 0;
-      const uint8_t* side = av_packet_get_side_data(p, AV_PKT_DATA_NEW_EXTRADATA, &n);
-      if (side && n) audio.config.assign(side, side + n);
-      else if (audio.bsf->par_out->extradata_size > 0)
-        audio.config.assign(audio.bsf->par_out->extradata, audio.bsf->par_out->extradata + audio.bsf->par_out->extradata_size);
-    }
-    const std::vector<uint8_t>* config = !audio.sentConfig && !audio.config.empty() ? &audio.config : nullptr;
-    int64_t value = 0;
-    uint64_t units = 1;
-    timeArgs(t, tb, value, units);
-    noteEnd(p, t, tb);
-    std::vector<RefAudioPacket> one{{std::vector<uint8_t>(p->data, p->data + p->size), value, units}};
-    KVAudio_t s = MakeAudioSample(one, config);
-    if (config) audio.sentConfig = true;
-    formatter->AddAudioSample(&s);
-    ReleaseSample(s);
-    ++audio.frames;
-    audio.bytes += static_cast<uint64_t>(p->size);
-  };
-
-  // Packets of several inputs are merged in decode-time order.
-  auto fill = [&](Input& in) {
-    if (in.pending) return;
-    if (!in.ahead.empty()) {
-      in.pending = in.ahead.front();
-      in.ahead.pop_front();
+  auto send = [&](OutTrack& tr, AVPacket* raw) {
+    // The writer keeps the packet's bytes until it has written them; the packet is freed then.
+    std::shared_ptr<AVPacket> pkt(raw, [](AVPacket* p) { av_packet_free(&p); });
+    const AVRational tb = tr.st->time_base;
+    int64_t pts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+    if (pts == AV_NOPTS_VALUE) pts = tr.lastPts != AV_NOPTS_VALUE ? tr.lastPts : 0;
+    tr.lastPts = pts;
+    Kapsel::TWriterFrame frame;
+    frame.track = tr.number;
+    frame.data = pkt->data;
+    frame.size = static_cast<size_t>(pkt->size);
+    const int64_t offset = shiftNs + static_cast<int64_t>(tr.spec.codecDelay);
+    frame.time = av_rescale_q(pts, tb, kNanoseconds) + offset;
+    // Decode times before the start (B-frames ahead of the first shown frame) are all taken as the start. A video
+    // frame without one (Matroska input, before the demuxer has worked it out) decodes with the frame before it.
+    if (pkt->dts != AV_NOPTS_VALUE)
+      frame.decodeTime = std::max<int64_t>(av_rescale_q(pkt->dts, tb, kNanoseconds) + offset, 0);
+    else if (tr.spec.kind == Kapsel::TTrackKind::kVideo && tr.lastDecode != INT64_MIN)
+      frame.decodeTime = tr.lastDecode;
+    else
+      frame.decodeTime = std::max<int64_t>(frame.time, tr.lastDecode);
+    frame.duration = pkt->duration > 0 ? av_rescale_q(pkt->duration, tb, kNanoseconds) : -1;
+    frame.key = tr.spec.kind != Kapsel::TTrackKind::kVideo || (pkt->flags & AV_PKT_FLAG_KEY);
+    const char* problem = frame.time < 0 ? "is before the start of the output"
+                          : frame.decodeTime < tr.lastDecode ? "goes back in time"
+                                                              : nullptr;
+    if (problem) {
+      if (++tr.dropped <= 3 && !o.quiet)
+        note(streamName(tr.ref) + ": the packet at " + seconds(frame.time - offset) + " (decode time " +
+             seconds(frame.decodeTime - offset) + ") " + problem + "; dropped");
       return;
     }
-    in.pending = in.read();
+    tr.lastDecode = frame.decodeTime;
+    endNs = std::max(endNs, frame.time + std::max<int64_t>(frame.duration, 0));
+    ++tr.frames;
+    tr.bytes += frame.size;
+    const Kapsel::TWriteResult r = writer.write(frame, [pkt]() mutable { pkt.reset(); });
+    if (r != Kapsel::TWriteResult::kOk && writeResult == Kapsel::TWriteResult::kOk) writeResult = r;
+  };
+
+  // Packets of several inputs are merged in decode-time order, so that the writer's queues stay short.
+  auto fill = [&](Input& in) {
+    if (in.pending || in.done) return;
+    in.pending = in.next();
     if (in.error) readError = in.error;
   };
   auto timeOf = [](const Input& in) {
@@ -553,70 +332,64 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
     const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
     return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
   };
+  std::vector<bool> ended(inputs.size(), false);
   // A first SIGINT or SIGTERM stops the reading; the file is finished with what was muxed.
-  while (!stopSignal()) {
-    Input* next = nullptr;
-    int nextIndex = -1;
+  while (!stopSignal() && writeResult == Kapsel::TWriteResult::kOk) {
+    int next = -1;
     for (size_t i = 0; i < inputs.size(); ++i) {
       fill(*inputs[i]);
-      if (inputs[i]->pending && (!next || timeOf(*inputs[i]) < timeOf(*next))) {
-        next = inputs[i].get();
-        nextIndex = static_cast<int>(i);
+      if (inputs[i]->pending && (next < 0 || timeOf(*inputs[i]) < timeOf(*inputs[static_cast<size_t>(next)])))
+        next = static_cast<int>(i);
+      if (!inputs[i]->pending && !ended[i]) {
+        // The writer stops waiting for the tracks of an input that has ended.
+        ended[i] = true;
+        for (OutTrack* tr : byStream[i])
+          if (tr) writer.endTrack(tr->number);
       }
     }
-    if (!next || readError) break;
-    av_packet_unref(pkt);
-    av_packet_move_ref(pkt, next->pending);
-    av_packet_free(&next->pending);
+    if (next < 0 || readError) break;
+    Input& in = *inputs[static_cast<size_t>(next)];
+    AVPacket* pkt = in.pending;
+    in.pending = nullptr;
     bytesIn += static_cast<uint64_t>(pkt->size);
-    if (nextIndex == video.input && pkt->stream_index == video.stream) {
-      sendVideo(pkt);
-    } else if (nextIndex == audio.input && pkt->stream_index == audio.stream) {
-      if (audio.bsf) {
-        if (av_bsf_send_packet(audio.bsf, pkt) < 0) continue;
-        while (av_bsf_receive_packet(audio.bsf, filtered) == 0) {
-          sendAudio(filtered);
-          av_packet_unref(filtered);
+    OutTrack* tr = pkt->stream_index < static_cast<int>(byStream[static_cast<size_t>(next)].size())
+                       ? byStream[static_cast<size_t>(next)][static_cast<size_t>(pkt->stream_index)]
+                       : nullptr;
+    if (!tr) {
+      av_packet_free(&pkt);
+    } else if (tr->bsf) {
+      const int sent = av_bsf_send_packet(tr->bsf, pkt);
+      av_packet_free(&pkt);
+      while (sent >= 0) {
+        AVPacket* out = av_packet_alloc();
+        if (!out || av_bsf_receive_packet(tr->bsf, out) != 0) {
+          av_packet_free(&out);
+          break;
         }
-      } else {
-        sendAudio(pkt);
+        send(*tr, out);
       }
+    } else {
+      send(*tr, pkt);
     }
-    progress.update(bytesIn, endSeconds);
+    progress.update(bytesIn, endNs / 1e9);
   }
-  av_packet_free(&pkt);
-  av_packet_free(&filtered);
   const int sig = stopSignal();
-  progress.finish(!readError && !sig);
+  progress.finish(!readError && !sig && writeResult == Kapsel::TWriteResult::kOk);
+  const Kapsel::TWriterReport report = writer.finish();
+  for (auto& tr : tracks)
+    if (tr->dropped > 3 && !o.quiet) note(streamName(tr->ref) + ": " + std::to_string(tr->dropped) + " packets dropped in all");
+  if (o.verbose)
+    note("writer: " + std::to_string(report.clusters) + " clusters (" + std::to_string(report.expectedClusters) +
+         " expected), " + std::to_string(report.blocks) + " blocks, " + std::to_string(report.cuePoints) +
+         " cue points, index " + (report.indexAtFront ? "before" : "after") + " the clusters");
 
-  // The module's own summary lines go to its standard error, for hosts; here they are shown only with --verbose.
-  std::string moduleLines;
-  {
-    std::fflush(stderr);
-    std::FILE* capture = std::tmpfile();
-    const int saved = capture ? dup(STDERR_FILENO) : -1;
-    if (saved >= 0) dup2(fileno(capture), STDERR_FILENO);
-    formatter->EndFormatting(nullptr);
-    std::fflush(stderr);
-    if (saved >= 0) {
-      dup2(saved, STDERR_FILENO);
-      close(saved);
-      std::rewind(capture);
-      char buf[4096];
-      for (size_t n; (n = std::fread(buf, 1, sizeof buf, capture)) > 0;) moduleLines.append(buf, n);
-    }
-    if (capture) std::fclose(capture);
-  }
-  formatter->Release();
-  formatter = nullptr;
-  if (o.verbose) {
-    std::istringstream lines(moduleLines);
-    for (std::string line; std::getline(lines, line);)
-      if (!line.empty()) note("formatter: " + line);
-  }
-
+  uint64_t frames = 0;
+  for (auto& tr : tracks) frames += tr->frames;
   if (readError && !sig) return fail("reading the input failed part-way: " + averr(readError));
-  if (video.frames + audio.frames == 0) {
+  if (writeResult == Kapsel::TWriteResult::kOk) writeResult = report.result;
+  if (writeResult == Kapsel::TWriteResult::kWriteFailed) return fail("writing " + o.output + " failed (disk full?)");
+  if (writeResult != Kapsel::TWriteResult::kOk) return fail("writing " + o.output + " failed: " + Kapsel::describe(writeResult));
+  if (frames == 0) {
     if (!sig) return fail("the input holds no packets of the chosen streams");
     fail("interrupted before anything was muxed; " + o.output + " was not written");
     return 128 + sig;
@@ -625,27 +398,28 @@ int runMux(const MuxOptions& o, const std::string& programPath) {
   if (!temp.commit(error)) return fail(error);
   if (sig) {
     char held[64];
-    std::snprintf(held, sizeof held, "%.1f", endSeconds);
+    std::snprintf(held, sizeof held, "%.1f", endNs / 1e9);
     fail(std::string(sig == SIGINT ? "interrupted" : "terminated") + "; " + o.output + " holds the first " + held +
          " seconds");
     return 128 + sig;
   }
 
+  if (o.quiet) return 0;
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  std::error_code ec;
-  const auto outSize = fs::file_size(o.output, ec);
   std::ostringstream summary;
-  summary << "kapsel: wrote " << o.output << " (" << formatName << ", " << humanBytes(double(outSize)) << "): ";
-  if (video.st)
-    summary << "video " << video.codec.name << " " << video.frames << " frames, " << humanBytes(double(video.bytes));
-  if (video.st && audio.st) summary << "; ";
-  if (audio.st)
-    summary << "audio " << audio.codec.name << " " << audio.frames << " packets, " << humanBytes(double(audio.bytes));
+  summary << "kapsel: wrote " << o.output << " (" << formatName << ", " << humanBytes(double(report.fileSize)) << "): ";
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    const OutTrack& tr = *tracks[i];
+    summary << (i ? "; " : "") << kindName(tr.spec.kind) << " " << tr.codecName << " " << tr.frames
+            << (tr.spec.kind == Kapsel::TTrackKind::kVideo ? " frames, " : " packets, ") << humanBytes(double(tr.bytes));
+  }
+  if (!attachments.empty())
+    summary << "; " << attachments.size() << (attachments.size() == 1 ? " attachment" : " attachments");
   char tail[128];
-  std::snprintf(tail, sizeof tail, "; duration %.3f s; %.2f s at %.1f MB/s.", duration / double(AV_TIME_BASE), elapsed,
+  std::snprintf(tail, sizeof tail, "; duration %.3f s; %.2f s at %.1f MB/s.", report.duration, elapsed,
                 elapsed > 0 ? bytesIn / 1e6 / elapsed : 0.0);
   summary << tail;
-  if (!o.quiet) std::cerr << summary.str() << "\n";
+  std::cerr << summary.str() << "\n";
   return 0;
 }
 

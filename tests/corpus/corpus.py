@@ -40,12 +40,23 @@ END=1200
 title=Rest
 """
 SRT = "1\n00:00:00,100 --> 00:00:00,600\nHello\n\n2\n00:00:00,700 --> 00:00:01,100\nWorld\n"
+# Video, two audio languages (one named), SRT, forced ASS and a font for it.
+MULTI = [["ffmpeg", "-i", "{w}/subs.srt", "{w}/subs.ass"],
+         ["ffmpeg", *V("25"), *A(), *A(880, 48000, "mono"), "-i", "{w}/subs.srt", "-i", "{w}/subs.ass", "-map", "0",
+          "-map", "1", "-map", "2", "-map", "3", "-map", "4", *X264, "-c:a:0", "aac", "-c:a:1", "libmp3lame",
+          "-c:s:0", "srt", "-c:s:1", "ass", "-shortest", "-metadata:s:a:1", "language=ger", "-metadata:s:a:1",
+          "title=Kommentar", "-metadata:s:s:0", "language=eng", "-metadata:s:s:1", "language=fre",
+          "-disposition:s:1", "forced", "-attach", "{w}/font.ttf", "-metadata:s:t",
+          "mimetype=application/x-truetype-font", "OUT"]]
 
-# name, file, generating commands (lists; "{w}" is the work directory), expected result per output:
-# "ok" (written, every check passes) or "refused" (exit 1, no output file). Outputs: mkv, webm (mux), opt (optimize).
+# name, file, generating commands (lists; "{w}" is the work directory, "OUT" the file), expected result per output:
+# "ok" (written, every check passes) or "refused" (exit 1, no output file). Outputs: mkv, webm (mux), opt (optimize),
+# plugin (mux --plugin into Matroska). An optional last item gives mux "inputs" other than the file (which then is a
+# reference holding the same streams), extra "args", and the "tracks" expected as (type, language, name, default,
+# forced) when they are not the file's own.
 CLIPS = [
     ("h264_25_mp4", "h264_25.mp4", [["ffmpeg", *V("25"), *A(), *X264, "-c:a", "aac", "-shortest"]],
-     {"mkv": "ok", "webm": "refused"}),
+     {"mkv": "ok", "webm": "refused", "plugin": "ok"}),
     ("h264_2997_mkv", "h264_2997.mkv", [["ffmpeg", *V("30000/1001"), *A(), *X264, "-c:a", "aac", "-shortest"]],
      {"mkv": "ok", "webm": "refused", "opt": "ok"}),
     ("h264_60_mp4", "h264_60.mp4", [["ffmpeg", *V("60"), *A(rate=48000), *X264, "-c:a", "aac", "-shortest"]],
@@ -63,7 +74,7 @@ CLIPS = [
      [["ffmpeg", *V("25"), *A(), "-c:v", "libxvid", "-bf", "2", "-g", "12", "-c:a", "libmp3lame", "-shortest"]],
      {"mkv": "ok"}),
     ("vp8_vorbis_ffmpeg", "vp8_vorbis.webm", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest"]],
-     {"mkv": "ok", "webm": "ok", "opt": "ok"}),
+     {"mkv": "ok", "webm": "ok", "opt": "ok", "plugin": "ok"}),
     ("vp8_vorbis_mkvmerge", "vp8_vorbis_mkvmerge.webm",
      [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", "{w}/vp8_vorbis_src.webm"],
       ["mkvmerge", "-q", "--webm", "-o", "OUT", "{w}/vp8_vorbis_src.webm"]],
@@ -82,15 +93,28 @@ CLIPS = [
      {"mkv": "ok"}),
     ("tags_vp8_mkv", "tags_vp8.mkv", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", *META]],
      {"mkv": "ok", "webm": "ok", "opt": "ok"}),
-    ("two_audio_srt_mkv", "two_audio_srt.mkv",
-     [["ffmpeg", *V("25"), *A(), *A(880, 48000, "mono"), "-i", "{w}/subs.srt", "-map", "0", "-map", "1",
-       "-map", "2", "-map", "3", *X264, "-c:a:0", "aac", "-c:a:1", "libmp3lame", "-c:s", "srt", "-shortest",
-       "-metadata:s:a:1", "language=ger", "-metadata:s:s:0", "language=eng"]], {"mkv": "ok", "opt": "ok"}),
+    ("two_audio_subs_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok", "webm": "refused", "opt": "ok", "plugin": "ok"}),
+    ("mapped_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok"},
+     {"args": ["--map", "0:2", "--map", "0:0", "--map", "0:4", "--map", "0:5", "--language", "1:fre",
+               "--track-name", "1:Commentaire", "--default-track", "1:0", "--default-track", "3:1"],
+      "tracks": [("audio", "fre", "Commentaire", False, False), ("video", "und", None, False, False),
+                 ("subtitles", "fre", None, True, True)]}),
+    # Three inputs; the reference is ffmpeg's copy of them into one file.
+    ("separate_inputs", "separate.mkv",
+     [["ffmpeg", *V("25"), *VP8, "{w}/sep_v.webm"], ["ffmpeg", *A(), "-c:a", "libvorbis", "{w}/sep_a.ogg"],
+      ["ffmpeg", "-i", "{w}/sep_v.webm", "-i", "{w}/sep_a.ogg", "-i", "{w}/subs.srt", "-map", "0", "-map", "1",
+       "-map", "2", "-c", "copy", "-c:s", "srt", "OUT"]],
+     {"mkv": "ok", "webm": "refused"}, {"inputs": ["{w}/sep_v.webm", "{w}/sep_a.ogg", "{w}/subs.srt"],
+                                        "tracks": [("video", "und", None, False, False), ("audio", "und", None, True, False),
+                                                   ("subtitles", "und", None, False, False)]}),
+    # 16:9 from 4:3 pixels.
+    ("anamorphic_mp4", "anamorphic.mp4", [["ffmpeg", *V("25"), "-vf", "scale=192:144,setsar=4/3", *X264]],
+     {"mkv": "ok"}),
     ("opus_webm", "opus.webm", [["ffmpeg", *V("25"), *A(rate=48000), *VP8, "-c:a", "libopus", "-shortest"]],
-     {"mkv": "refused", "webm": "refused", "opt": "ok"}),
+     {"mkv": "ok", "webm": "ok", "opt": "ok", "plugin": "refused"}),
     ("vp9_opus_webm", "vp9_opus.webm",
      [["ffmpeg", *V("25"), *A(rate=48000), "-c:v", "libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8",
-       "-c:a", "libopus", "-shortest"]], {"mkv": "refused", "webm": "refused", "opt": "ok"}),
+       "-c:a", "libopus", "-shortest"]], {"mkv": "ok", "webm": "ok", "opt": "ok"}),
     ("colour_webm", "colour.webm",
      [["ffmpeg", *V("25"), *VP8, "-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709",
        "-color_range", "tv"]], {"mkv": "ok", "webm": "ok", "opt": "ok"}),
@@ -102,7 +126,7 @@ CLIPS = [
      {"opt": "damaged"}),
 ]
 # crc: optimize --crc32, expected as opt.
-OUTPUTS = ["mkv", "webm", "opt", "crc"]
+OUTPUTS = ["mkv", "webm", "opt", "crc", "plugin"]
 # Tags that mux carries from the input (compared by value, names in any case).
 CARRIED_TAGS = {"title", "artist", "comment", "genre", "copyright", "description", "encoded_by", "publisher",
                 "keywords", "producer"}
@@ -140,7 +164,7 @@ def damage(src, dst):
 
 
 def generate(work, clip):
-    name, fname, cmds, _ = clip
+    name, fname, cmds = clip[:3]
     out = os.path.join(work, fname)
     for cmd in cmds:
         cmd = [c.replace("{w}", work) for c in cmd]
@@ -149,10 +173,10 @@ def generate(work, clip):
             continue
         if cmd[0] == "ffmpeg":
             cmd = ["ffmpeg", "-v", "error", "-y", *cmd[1:]]
-            if not any(c.startswith(work + "/") and not c.endswith((".txt", ".srt")) for c in cmd):
+            if "OUT" not in cmd and not any(c.startswith(work + "/") and not c.endswith((".txt", ".srt"))
+                                            for c in cmd):
                 cmd.append(out)
-        else:
-            cmd = [out if c == "OUT" else c for c in cmd]
+        cmd = [out if c == "OUT" else c for c in cmd]
         r = run(cmd)
         if r.returncode > 1 or (cmd[0] == "ffmpeg" and r.returncode):
             raise RuntimeError(f"{name}: {' '.join(cmd)} failed: {r.stderr.strip()[-300:]}")
@@ -297,6 +321,9 @@ def check_packets(src, out, src_probe, out_probe, laced_audio=False):
                     if o[0] is None:
                         errs.append(f"packet #{i} lost its time")
                         break
+                    if os_["codec_type"] == "subtitle" and abs(o[1] - s[1]) > tol:
+                        errs.append(f"packet #{i} duration {float(s[1]):.4f}s -> {float(o[1]):.4f}s")
+                        break
                     d = o[0] - s[0]
                     ref = shift if shift is not None else (local if local is not None else d)
                     if local is None:
@@ -340,11 +367,58 @@ def tags_of(p):
     return {k.lower(): v for k, v in p.get("format", {}).get("tags", {}).items() if k.lower() in CARRIED_TAGS}
 
 
-def check_readers(src, out, kind, src_probe, out_probe, frame_tol, optimized):
+def check_tracks(sj, oj, kind, src_probe, out_probe, extra):
+    """Track languages, names and flags (the row's, or the source's), attachments, display aspect ratios."""
+    problems = []
+    def props(t):
+        p = t.get("properties", {})
+        return (t["type"], p.get("language", "eng"), p.get("track_name"), p.get("default_track", True),
+                p.get("forced_track", False))
+    otracks = [props(t) for t in oj.get("tracks", [])]
+    want = extra.get("tracks")
+    if want is None and sj.get("tracks"):
+        # Unmapped, every video, audio and subtitle track of the source, in order, as the source has it.
+        want = [props(t) for t in sj["tracks"] if t["type"] in ("video", "audio", "subtitles")]
+        container = sj["container"]["type"]
+        if not container.startswith(("Matroska", "QuickTime")):  # no languages: mkvmerge says "eng", mux "und"
+            want = [(w[0], "und") + w[2:] for w in want]
+        if not container.startswith("Matroska"):  # only Matroska sources have default flags
+            want = [w[:3] + o[3:] for w, o in zip(want, otracks)]
+    if want is not None and otracks != [tuple(w) for w in want]:
+        problems.append(f"tracks {otracks}, expected {want}")
+    attached = lambda j: [(a["file_name"], a["content_type"], a["size"]) for a in j.get("attachments", [])]
+    if kind == "mkv" and attached(oj) != attached(sj):
+        problems.append(f"attachments {attached(oj)} for source {attached(sj)}")
+    dar = lambda p: sorted(s.get("display_aspect_ratio") for s in p.get("streams", []) if s["codec_type"] == "video")
+    if dar(out_probe) != dar(src_probe):
+        problems.append(f"display aspect ratio {dar(out_probe)} for source {dar(src_probe)}")
+    return problems
+
+
+def check_seek(out, out_probe):
+    """ffprobe seeking to the middle lands on one of the two video key frames around it (the index is found and
+    right)."""
+    if not any(s["codec_type"] == "video" for s in out_probe.get("streams", [])):
+        return []
+    target = float(out_probe.get("format", {}).get("duration", 0)) / 2
+    entries = ["-select_streams", "v", "-show_entries", "packet=pts_time,flags", "-of", "json", out]
+    keys = sorted(float(p["pts_time"]) for p in json.loads(run(["ffprobe", "-v", "error", *entries]).stdout or "{}")
+                  .get("packets", []) if "K" in p["flags"])
+    around = [max((k for k in keys if k <= target), default=None), min((k for k in keys if k >= target), default=None)]
+    r = run(["ffprobe", "-v", "error", "-read_intervals", f"{target:.3f}%+#1", *entries])  # START%END
+    pk = json.loads(r.stdout or "{}").get("packets", [])
+    if r.returncode or not pk or float(pk[0]["pts_time"]) not in around:
+        return [f"seeking to {target:.3f}s lands on {pk[0] if pk else 'nothing'}, not on a key frame of {around}"]
+    return []
+
+
+def check_readers(src, out, kind, src_probe, out_probe, frame_tol, optimized, extra={}):
     problems = []
     r = run(["ffprobe", "-v", "warning", "-show_packets", "-show_streams", out])
-    if r.stderr.strip():
-        problems.append("ffprobe: " + r.stderr.strip().splitlines()[0])
+    # ffprobe has no decoder for font attachments and says so for any file that has one.
+    err = [l for l in r.stderr.strip().splitlines() if not l.startswith("Unsupported codec with id 98304")]
+    if err:
+        problems.append("ffprobe: " + err[0])
     rc, oj = identify(out)
     if rc != 0 or oj.get("warnings") or oj.get("errors"):
         problems.append(f"mkvmerge -J exit {rc}: {(oj.get('warnings') or oj.get('errors') or [''])[0]}")
@@ -365,20 +439,27 @@ def check_readers(src, out, kind, src_probe, out_probe, frame_tol, optimized):
         same = [s for s in stracks if s["type"] == t["type"] and s["codec"] == t["codec"]]
         if not same:
             problems.append(f"mkvmerge: output {t['type']} track {t['codec']} not like any source track")
-    carried_types = {t["type"] for t in stracks if t["type"] in ("video", "audio")}
+    # The plug-in carries one video and one audio track; the writer every track.
+    carried_types = sorted({t["type"] for t in stracks if t["type"] in ("video", "audio")}) if kind == "plugin" else \
+        sorted(t["type"] for t in stracks if t["type"] in ("video", "audio", "subtitles"))
     if not stracks:  # mkvmerge cannot read every source (MP3 in WAV): take ffprobe's word for the types
-        carried_types = {s["codec_type"] for s in src_probe.get("streams", []) if s["codec_type"] in ("video", "audio")}
-    if not optimized and sorted(t["type"] for t in oj.get("tracks", [])) != sorted(carried_types):
-        problems.append(f"mkvmerge: track types {sorted(t['type'] for t in otracks)} for source {sorted(carried_types)}")
+        carried_types = sorted(s["codec_type"] for s in src_probe.get("streams", []) if s["codec_type"] in ("video", "audio"))
+    if "tracks" in extra:
+        carried_types = sorted(t[0] for t in extra["tracks"])
+    if not optimized and sorted(t["type"] for t in oj.get("tracks", [])) != carried_types:
+        problems.append(f"mkvmerge: track types {sorted(t['type'] for t in otracks)} for source {carried_types}")
+    if not optimized and kind != "plugin":
+        problems += check_tracks(sj, oj, kind, src_probe, out_probe, extra)
+        problems += check_seek(out, out_probe)
     if optimized and [(t["type"], t["codec"]) for t in otracks] != [(t["type"], t["codec"]) for t in stracks]:
         problems.append("mkvmerge: tracks differ")
     sd = float(source_duration(src, src_probe))
     od = oj.get("container", {}).get("properties", {}).get("duration")
     if od is None or abs(od / 1e9 - sd) > frame_tol:
         problems.append(f"duration {None if od is None else od / 1e9}s for source {sd:.3f}s")
-    # The host's chapter markers carry no end: a muxed chapter ends where the next starts or the file ends.
+    # The host's chapter markers carry no end: through the plug-in a chapter ends where the next starts or the file ends.
     def chapters(p):
-        return [(round(float(c["start_time"]), 3), round(float(c["end_time"]), 3) if optimized else None,
+        return [(round(float(c["start_time"]), 3), round(float(c["end_time"]), 3) if kind != "plugin" else None,
                  c.get("tags", {}).get("title")) for c in p.get("chapters", [])]
     sch, och = chapters(src_probe), chapters(out_probe)
     if sch != och:
@@ -439,10 +520,13 @@ def main():
     os.makedirs(work, exist_ok=True)
     open(os.path.join(work, "chapters.txt"), "w").write(CHAPTERS)
     open(os.path.join(work, "subs.srt"), "w").write(SRT)
+    open(os.path.join(work, "font.ttf"), "wb").write(b"\x00\x01\x00\x00" + bytes(range(60)))
     start = time.time()
     rows, failed = [], False
     for clip in CLIPS:
-        name, fname, _, expected = clip
+        name, fname, _, expected = clip[:4]
+        extra = {k: [x.replace("{w}", work) if isinstance(x, str) else x for x in v]
+                 for k, v in (clip[4] if len(clip) > 4 else {}).items()}
         if only and name not in only:
             continue
         src = generate(work, clip)
@@ -462,12 +546,13 @@ def main():
                     print(f"  {name} opt: {p}")
                 failed |= bool(probs or readers)
                 continue
-            ext = kind if kind in ("mkv", "webm") else os.path.splitext(fname)[1][1:]
-            out = os.path.join(work, f"{os.path.splitext(fname)[0]}.{kind}.{ext}")
+            ext = kind if kind in ("mkv", "webm") else "mkv" if kind == "plugin" else os.path.splitext(fname)[1][1:]
+            out = os.path.join(work, f"{name}.{kind}.{ext}")
             if os.path.exists(out):
                 os.remove(out)
             cmd = ([kapsel, "optimize", src, out] if kind == "opt" else [kapsel, "optimize", "--crc32", src, out]
-                   if kind == "crc" else [kapsel, "mux", "-q", src, "-o", out])
+                   if kind == "crc" else [kapsel, "mux", "-q", *(["--plugin"] if kind == "plugin" else []),
+                                          *extra.get("inputs", [src]), *extra.get("args", []), "-o", out])
             r = run(cmd)
             leftovers = [f for f in os.listdir(work) if ".kapsel-" in f]
             if leftovers:
@@ -484,9 +569,10 @@ def main():
                           f"{' and an output file' if os.path.exists(out) else ''}: {r.stderr.strip()[:200]}")
                 continue
             out_probe = probe(out)
-            results = {"packets": check_packets(src, out, src_probe, out_probe, laced_audio=kind == "mkv"),
+            results = {"packets": check_packets(src, out, src_probe, out_probe, laced_audio=kind == "plugin"),
                        "frames": check_frames(src, out, src_probe),
-                       "readers": check_readers(src, out, kind, src_probe, out_probe, frame_tol, kind in ("opt", "crc"))}
+                       "readers": check_readers(src, out, kind, src_probe, out_probe, frame_tol, kind in ("opt", "crc"),
+                                                extra)}
             if kind == "crc":
                 results["readers"] += check_crc32(out)
             if kind in ("opt", "crc"):

@@ -1,0 +1,102 @@
+#pragma once
+// What both ways of muxing share: the inputs opened with libavformat, the start shift, metadata names, messages.
+
+extern "C" {
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+}
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kapsel/writer.h"
+
+namespace kapsel_cli {
+
+struct Input {
+  std::string path;
+  AVFormatContext* fmt = nullptr;
+  AVPacket* pending = nullptr;  // the next packet of this input, read ahead for merging inputs
+  std::deque<AVPacket*> ahead;  // packets read before muxing to find the earliest time
+  bool done = false;
+  int error = 0;
+  ~Input();
+  // The next packet from the input, nullptr at the end or on an error (kept in `error`).
+  AVPacket* read();
+  // The next packet to mux: the look-ahead first, then the input.
+  AVPacket* next();
+};
+
+using InputList = std::vector<std::unique_ptr<Input>>;
+// (input index, stream index)
+using StreamRef = std::pair<int, int>;
+
+// Quiets libav and lets a stop signal interrupt reading.
+void setUpLibav();
+// Opens every input and reads its stream information; error is one line for fail().
+bool openInputs(const std::vector<std::string>& paths, InputList& inputs, std::string& error);
+
+// Nanoseconds to add to every time so that none of the chosen streams starts before zero (0 when none does), with
+// `offsets` (ns) added to some streams' times first. The packets read to find out stay in the inputs' look-ahead.
+int64_t startShift(InputList& inputs, const std::vector<StreamRef>& chosen,
+                   const std::map<StreamRef, int64_t>& offsets = {});
+
+// One line per stream of the inputs that the output will not carry; `why` adds a reason to some of them.
+void reportLeftOut(const InputList& inputs, const std::vector<StreamRef>& chosen,
+                   const std::map<StreamRef, std::string>& why = {});
+
+// The longest input duration in microseconds (0 when none is known).
+int64_t longestDuration(const InputList& inputs);
+
+// Global metadata of the first input and --meta entries (which replace the input's entry of the same name), in the
+// order met. Known names in any case are spelt as the host spells them ("Title"), or as Matroska tags ("TITLE").
+std::vector<std::pair<std::string, std::string>> metadataEntries(const AVFormatContext* first,
+                                                                 const std::vector<std::pair<std::string, std::string>>& meta,
+                                                                 bool matroskaNames);
+
+// The written file ends with its Segment size patched; otherwise a write failed on the way.
+bool outputComplete(const std::string& path);
+
+std::string averr(int code);
+std::string lower(std::string s);
+std::string humanBytes(double bytes);
+const char* mediaKind(AVMediaType type);
+
+constexpr AVRational kNanoseconds{1, 1000000000};
+
+// One stream of an input as a track of the output.
+struct OutTrack {
+  StreamRef ref;
+  AVStream* st = nullptr;
+  Kapsel::TTrackSpec spec;
+  std::string codecName;  // readable, for messages
+  uint64_t number = 0;    // in the output
+  AVBSFContext* bsf = nullptr;  // converts the packets when the output carries them otherwise
+  int64_t lastDecode = INT64_MIN;  // ns, after the shift
+  int64_t lastPts = AV_NOPTS_VALUE;  // in the stream's time base, for packets without times
+  uint64_t frames = 0, bytes = 0, dropped = 0;
+  OutTrack() = default;
+  OutTrack(const OutTrack&) = delete;
+  OutTrack& operator=(const OutTrack&) = delete;
+  ~OutTrack() { av_bsf_free(&bsf); }
+};
+
+enum class Mapping { kOk, kNoCodec, kNotInWebm, kUnusable };
+// Describes stream `index` of `fmt` as a track: codec, language, name, forced flag, sizes, colour, durations.
+// Anything but kOk comes with one line in `message`.
+Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& track, std::string& message);
+// An attachment stream (a font of ASS subtitles) or an attached picture; false when it holds no data.
+bool describeAttachment(const AVStream* st, Kapsel::TAttachmentSpec& attachment);
+
+struct MuxOptions;
+// The two ways of muxing, once the inputs are open: through the formatter plug-in (one video, one audio stream) and
+// through the library's writer (every stream).
+int runPluginMux(const MuxOptions& options, const std::string& programPath, InputList& inputs, bool webm);
+int runWriterMux(const MuxOptions& options, InputList& inputs, bool webm);
+
+}  // namespace kapsel_cli
