@@ -345,7 +345,9 @@ std::vector<NalUnit> splitAnnexB(const uint8_t* data, size_t size) {
     begin = i;
     inUnit = true;
   }
-  if (inUnit && size > begin) units.push_back({data + begin, size - begin});
+  size_t end = size;
+  while (inUnit && end > begin && data[end - 1] == 0) --end;
+  if (inUnit && end > begin) units.push_back({data + begin, end - begin});
   return units;
 }
 

@@ -25,8 +25,8 @@ bool isAnnexB(const uint8_t* data, size_t size);
 bool isAvcConfigurationRecord(const uint8_t* data, size_t size);
 bool isHevcConfigurationRecord(const uint8_t* data, size_t size);
 
-// The NAL units of an Annex-B buffer in order; zero bytes before a start code belong to it, not to the
-// preceding unit. Bytes before the first start code are ignored; empty units are dropped.
+// The NAL units of an Annex-B buffer in order; zero bytes before a start code or at the end belong to the
+// byte stream, not to the preceding unit. Bytes before the first start code are ignored; empty units are dropped.
 std::vector<NalUnit> splitAnnexB(const uint8_t* data, size_t size);
 
 // Rewrites an Annex-B access unit as NAL units each preceded by its size in 4 big-endian bytes.
