@@ -183,11 +183,11 @@ bool setPrivate(const Row& row, const AVCodecParameters& par, StreamMapping& m) 
   return false;
 }
 
-uint64_t bitDepthOf(const Row& row, const AVCodecParameters& par) {
-  if (row.codecId[0] != 'A') return 0;
+// From the configuration itself: demuxers do not all fill bits_per_raw_sample.
+uint64_t bitDepthOf(const Row& row, const AVCodecParameters& par, const std::vector<uint8_t>& priv) {
   if (std::string(row.codecId).compare(0, 6, "A_PCM/") == 0) return static_cast<uint64_t>(av_get_bits_per_sample(par.codec_id));
-  if (row.priv == Private::kFlac || row.priv == Private::kAlac)
-    return par.bits_per_raw_sample > 0 ? static_cast<uint64_t>(par.bits_per_raw_sample) : 0;
+  if (row.priv == Private::kFlac && priv.size() >= 8 + 14) return (((priv[8 + 12] & 1u) << 4) | (priv[8 + 13] >> 4)) + 1;
+  if (row.priv == Private::kAlac && priv.size() >= 6) return priv[5];
   return 0;
 }
 
@@ -206,7 +206,7 @@ StreamMapping mapStream(const AVCodecParameters& par, bool webm, int disposition
   m.codecName = row->name;
   if (par.codec_id == AV_CODEC_ID_WEBVTT && webm) m.codecId = webvttKind(disposition);
   if (!setPrivate(*row, par, m)) return failed("the " + m.codecName + " stream has no usable codec configuration");
-  m.bitDepth = bitDepthOf(*row, par);
+  m.bitDepth = bitDepthOf(*row, par, m.codecPrivate);
   m.ok = true;
   return m;
 }
