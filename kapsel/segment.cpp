@@ -245,6 +245,13 @@ bool Segment::loadViaSeekHead(FileStorage& storage, IDelegateLoad* delegate, boo
   std::map<uint64_t, uint64_t> loaded;  // position -> bytes
   for (auto& head : seekHeads_)
     if (ReceiptPtr r = head.storageReceipt()) loaded.emplace(r->position(), r->numBytes());
+  // Elements already read on the way to the first SeekHead are not read a second time.
+  for (const IElement* e : {static_cast<const IElement*>(&info_), static_cast<const IElement*>(&tracks_),
+                            static_cast<const IElement*>(&cues_), static_cast<const IElement*>(&attachments_),
+                            static_cast<const IElement*>(&chapters_)})
+    if (ReceiptPtr r = e->storageReceipt()) loaded.emplace(r->position(), r->numBytes());
+  for (auto& t : tags_)
+    if (ReceiptPtr r = t.storageReceipt()) loaded.emplace(r->position(), r->numBytes());
   for (size_t h = 0; h < seekHeads_.size(); ++h) {
     for (auto& entry : seekHeads_[h]->entries_) {
       const uint64_t id = entry->id_->get();
