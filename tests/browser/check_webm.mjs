@@ -46,7 +46,7 @@ function serve(files) {
 }
 
 // Runs in the page: loads, plays, seeks to 50 % and 90 %, plays to the end. Returns a list of failures.
-async function playInElement({ url, duration }) {
+async function playInElement({ url, duration, audio, video: hasVideo }) {
   const failures = [];
   const video = document.createElement('video');
   video.muted = true;
@@ -88,6 +88,9 @@ async function playInElement({ url, duration }) {
       if (!(await frameDecoded())) failures.push(`nothing decoded after seeking to ${target.toFixed(2)} s (readyState ${video.readyState})`);
     }
     if (!video.ended) await once('ended', Math.max(15000, duration * 300));
+    // A track the browser leaves disabled plays as silence or as no picture without an error.
+    if (audio && !(video.webkitAudioDecodedByteCount > 0)) failures.push('no audio decoded');
+    if (hasVideo && !(video.getVideoPlaybackQuality().totalVideoFrames > 0)) failures.push('no video frame decoded');
   } catch (e) {
     failures.push(`element: ${e.message}${errorText() && !e.message.includes('MediaError') ? ' (' + errorText() + ')' : ''}`);
   }
@@ -149,7 +152,8 @@ async function appendToSourceBuffer({ url, mime, duration, tolerance, chunk }) {
 
 async function checkFile(page, base, index, file) {
   const url = `${base}/f/${index}.webm`;
-  const element = await page.evaluate(playInElement, { url, duration: file.duration });
+  const [video, audio] = [/^video\//.test(file.mime), /vorbis|opus/.test(file.mime)];
+  const element = await page.evaluate(playInElement, { url, duration: file.duration, audio, video });
   const mse = await page.evaluate(appendToSourceBuffer,
     { url, mime: file.mime, duration: file.duration, tolerance: file.tolerance, chunk: CHUNK });
   return [...element, ...mse];
