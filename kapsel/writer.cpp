@@ -699,7 +699,7 @@ void StreamWriter::Impl::writeIndex() {
 void StreamWriter::Impl::finishWriting() {
   muxAll(true);
   if (!headerWritten) {
-    if (options.emptyWithoutFrames || status != TWriteResult::kOk) return;
+    if (options.emptyWithoutFrames || status == TWriteResult::kWriteFailed) return;
     beginWriting();
   }
   finishCurrentCluster();
