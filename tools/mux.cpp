@@ -191,7 +191,6 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
         why[ref] = message;
         break;
       case Mapping::kNotInWebm:
-      case Mapping::kUnusable:
         return fail(streamName(ref) + ": " + message);
     }
   }
@@ -232,6 +231,18 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   }
   // Times are shifted alike so that none is negative; the packets read to find out are muxed later.
   const int64_t shiftNs = startShift(inputs, trackRefs, delays);
+  // A CodecPrivate that only the stream's first key frame holds (in-band parameter sets, an ADTS header) is
+  // taken from the packets read ahead.
+  for (auto& tr : tracks) {
+    for (const AVPacket* p : inputs[static_cast<size_t>(tr->ref.first)]->ahead) {
+      if (!tr->mapping.needsFirstPacket) break;
+      if (p->stream_index == tr->ref.second && tr->mapping.takeFirstPacket(p->data, static_cast<size_t>(p->size)))
+        tr->spec.codecPrivate = tr->mapping.codecPrivate;
+    }
+    if (tr->mapping.needsFirstPacket)
+      return fail(streamName(tr->ref) + ": " +
+                  (tr->mapping.error.empty() ? "no decoder configuration in its first packets" : tr->mapping.error));
+  }
   const int64_t duration = longestDuration(inputs);
 
   TempOutput temp;
@@ -271,7 +282,9 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   }
   for (const auto& a : attachments) writer.addAttachment(a);
   for (const auto& c : chapterList(o, inputs)) writer.addChapter(c);
-  for (const auto& [name, value] : tags) writer.addTag({name, value, 0});
+  // The title is the file's title (SegmentInfo); a tag beside it would say the same twice.
+  for (const auto& [name, value] : tags)
+    if (name != "TITLE") writer.addTag({name, value, 0});
 
   Progress progress("mux", progressMode(o.progress, o.quiet), Progress::Speed::RealTime);
   progress.setTotals(duration > 0 ? duration / double(AV_TIME_BASE) : 0, 0);
@@ -290,8 +303,12 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     tr.lastPts = pts;
     Kapsel::TWriterFrame frame;
     frame.track = tr.number;
-    frame.data = pkt->data;
-    frame.size = static_cast<size_t>(pkt->size);
+    if (!tr.mapping.convert(pkt->data, static_cast<size_t>(pkt->size), tr.buffer, &frame.data, &frame.size)) {
+      if (++tr.dropped <= 3 && !o.quiet)
+        note(streamName(tr.ref) + ": the packet at " + seconds(av_rescale_q(pts, tb, kNanoseconds)) +
+             " cannot be converted; dropped");
+      return;
+    }
     const int64_t offset = shiftNs + static_cast<int64_t>(tr.spec.codecDelay);
     frame.time = av_rescale_q(pts, tb, kNanoseconds) + offset;
     // Decode times before the start (B-frames ahead of the first shown frame) are all taken as the start. A video
@@ -317,13 +334,15 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     endNs = std::max(endNs, frame.time + std::max<int64_t>(frame.duration, 0));
     ++tr.frames;
     tr.bytes += frame.size;
-    const Kapsel::TWriteResult r = writer.write(frame, [pkt]() mutable { pkt.reset(); });
+    // Converted bytes live in a buffer the next packet reuses: the writer copies them.
+    const Kapsel::TWriteResult r = frame.data == pkt->data ? writer.write(frame, [pkt]() mutable { pkt.reset(); })
+                                                           : writer.write(frame);
     if (r != Kapsel::TWriteResult::kOk && writeResult == Kapsel::TWriteResult::kOk) writeResult = r;
   };
 
   // Packets of several inputs are merged in decode-time order, so that the writer's queues stay short.
   auto fill = [&](Input& in) {
-    if (in.pending || in.done) return;
+    if (in.pending || (in.done && in.ahead.empty())) return;
     in.pending = in.next();
     if (in.error) readError = in.error;
   };
@@ -355,22 +374,10 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     OutTrack* tr = pkt->stream_index < static_cast<int>(byStream[static_cast<size_t>(next)].size())
                        ? byStream[static_cast<size_t>(next)][static_cast<size_t>(pkt->stream_index)]
                        : nullptr;
-    if (!tr) {
-      av_packet_free(&pkt);
-    } else if (tr->bsf) {
-      const int sent = av_bsf_send_packet(tr->bsf, pkt);
-      av_packet_free(&pkt);
-      while (sent >= 0) {
-        AVPacket* out = av_packet_alloc();
-        if (!out || av_bsf_receive_packet(tr->bsf, out) != 0) {
-          av_packet_free(&out);
-          break;
-        }
-        send(*tr, out);
-      }
-    } else {
+    if (tr)
       send(*tr, pkt);
-    }
+    else
+      av_packet_free(&pkt);
     progress.update(bytesIn, endNs / 1e9);
   }
   const int sig = stopSignal();
@@ -411,7 +418,8 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   for (size_t i = 0; i < tracks.size(); ++i) {
     const OutTrack& tr = *tracks[i];
     summary << (i ? "; " : "") << kindName(tr.spec.kind) << " " << tr.codecName << " " << tr.frames
-            << (tr.spec.kind == Kapsel::TTrackKind::kVideo ? " frames, " : " packets, ") << humanBytes(double(tr.bytes));
+            << (tr.spec.kind == Kapsel::TTrackKind::kVideo ? " frame" : " packet") << (tr.frames == 1 ? ", " : "s, ")
+            << humanBytes(double(tr.bytes));
   }
   if (!attachments.empty())
     summary << "; " << attachments.size() << (attachments.size() == 1 ? " attachment" : " attachments");

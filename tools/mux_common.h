@@ -2,7 +2,6 @@
 // What both ways of muxing share: the inputs opened with libavformat, the start shift, metadata names, messages.
 
 extern "C" {
-#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 }
 
@@ -15,6 +14,7 @@ extern "C" {
 #include <vector>
 
 #include "kapsel/writer.h"
+#include "tools/codec_map.h"
 
 namespace kapsel_cli {
 
@@ -76,19 +76,17 @@ struct OutTrack {
   Kapsel::TTrackSpec spec;
   std::string codecName;  // readable, for messages
   uint64_t number = 0;    // in the output
-  AVBSFContext* bsf = nullptr;  // converts the packets when the output carries them otherwise
+  StreamMapping mapping;  // also converts the packets when the output carries them otherwise
+  std::vector<uint8_t> buffer;  // for converted packets
   int64_t lastDecode = INT64_MIN;  // ns, after the shift
   int64_t lastPts = AV_NOPTS_VALUE;  // in the stream's time base, for packets without times
   uint64_t frames = 0, bytes = 0, dropped = 0;
-  OutTrack() = default;
-  OutTrack(const OutTrack&) = delete;
-  OutTrack& operator=(const OutTrack&) = delete;
-  ~OutTrack() { av_bsf_free(&bsf); }
 };
 
-enum class Mapping { kOk, kNoCodec, kNotInWebm, kUnusable };
+enum class Mapping { kOk, kNoCodec, kNotInWebm };
 // Describes stream `index` of `fmt` as a track: codec, language, name, forced flag, sizes, colour, durations.
-// Anything but kOk comes with one line in `message`.
+// Anything but kOk comes with one line in `message`. A CodecPrivate that comes from the first key frame is still
+// missing (track.mapping.needsFirstPacket).
 Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& track, std::string& message);
 // An attachment stream (a font of ASS subtitles) or an attached picture; false when it holds no data.
 bool describeAttachment(const AVStream* st, Kapsel::TAttachmentSpec& attachment);

@@ -5,8 +5,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include <cmath>
-#include <cstring>
+#include <algorithm>
 
 #include "tools/mux_common.h"
 
@@ -14,106 +13,28 @@ namespace kapsel_cli {
 
 namespace {
 
-struct CodecEntry {
-  AVCodecID id;
-  const char* codecId;
-  const char* name;
-  bool webm;
-};
-
-const CodecEntry kCodecs[] = {
-    {AV_CODEC_ID_VP8, "V_VP8", "VP8", true},
-    {AV_CODEC_ID_VP9, "V_VP9", "VP9", true},
-    {AV_CODEC_ID_AV1, "V_AV1", "AV1", true},
-    {AV_CODEC_ID_H264, "V_MPEG4/ISO/AVC", "H.264", false},
-    {AV_CODEC_ID_HEVC, "V_MPEGH/ISO/HEVC", "HEVC", false},
-    {AV_CODEC_ID_MPEG4, "V_MPEG4/ISO/ASP", "MPEG-4 Part 2", false},
-    {AV_CODEC_ID_MPEG2VIDEO, "V_MPEG2", "MPEG-2", false},
-    {AV_CODEC_ID_MPEG1VIDEO, "V_MPEG1", "MPEG-1", false},
-    {AV_CODEC_ID_THEORA, "V_THEORA", "Theora", false},
-    {AV_CODEC_ID_VORBIS, "A_VORBIS", "Vorbis", true},
-    {AV_CODEC_ID_OPUS, "A_OPUS", "Opus", true},
-    {AV_CODEC_ID_AAC, "A_AAC", "AAC", false},
-    {AV_CODEC_ID_MP3, "A_MPEG/L3", "MP3", false},
-    {AV_CODEC_ID_MP2, "A_MPEG/L2", "MP2", false},
-    {AV_CODEC_ID_AC3, "A_AC3", "AC-3", false},
-    {AV_CODEC_ID_EAC3, "A_EAC3", "E-AC-3", false},
-    {AV_CODEC_ID_DTS, "A_DTS", "DTS", false},
-    {AV_CODEC_ID_FLAC, "A_FLAC", "FLAC", false},
-    {AV_CODEC_ID_PCM_S16LE, "A_PCM/INT/LIT", "PCM", false},
-    {AV_CODEC_ID_PCM_S24LE, "A_PCM/INT/LIT", "PCM", false},
-    {AV_CODEC_ID_PCM_S32LE, "A_PCM/INT/LIT", "PCM", false},
-    {AV_CODEC_ID_PCM_U8, "A_PCM/INT/LIT", "PCM", false},
-    {AV_CODEC_ID_PCM_S16BE, "A_PCM/INT/BIG", "PCM", false},
-    {AV_CODEC_ID_PCM_S24BE, "A_PCM/INT/BIG", "PCM", false},
-    {AV_CODEC_ID_PCM_S32BE, "A_PCM/INT/BIG", "PCM", false},
-    {AV_CODEC_ID_PCM_F32LE, "A_PCM/FLOAT/IEEE", "PCM", false},
-    {AV_CODEC_ID_PCM_F64LE, "A_PCM/FLOAT/IEEE", "PCM", false},
-    {AV_CODEC_ID_SUBRIP, "S_TEXT/UTF8", "SubRip", false},
-    {AV_CODEC_ID_TEXT, "S_TEXT/UTF8", "text", false},
-    {AV_CODEC_ID_ASS, "S_TEXT/ASS", "ASS", false},
-    {AV_CODEC_ID_SSA, "S_TEXT/SSA", "SSA", false},
-    {AV_CODEC_ID_WEBVTT, "S_TEXT/WEBVTT", "WebVTT", false},
-    {AV_CODEC_ID_DVD_SUBTITLE, "S_VOBSUB", "VobSub", false},
-    {AV_CODEC_ID_HDMV_PGS_SUBTITLE, "S_HDMV/PGS", "PGS", false},
-    {AV_CODEC_ID_DVB_SUBTITLE, "S_DVBSUB", "DVB subtitles", false},
-};
-
-// CodecID, CodecPrivate, codec delay and pre-roll of one stream; sets up a conversion of its packets when the
-// output carries them otherwise (ADTS AAC).
-Mapping mapCodec(AVStream* st, bool webm, OutTrack& t, std::string& message) {
-  const AVCodecParameters* p = st->codecpar;
-  const CodecEntry* entry = nullptr;
-  for (const auto& e : kCodecs)
-    if (e.id == p->codec_id) entry = &e;
-  if (!entry) {
-    message = std::string("no Matroska codec for ") + avcodec_get_name(p->codec_id);
+// CodecID, CodecPrivate, codec delay and pre-roll of one stream.
+Mapping mapCodec(const AVStream* st, bool webm, OutTrack& t, std::string& message) {
+  t.mapping = mapStream(*st->codecpar, false, st->disposition);
+  if (!t.mapping.ok) {
+    message = t.mapping.error;
     return Mapping::kNoCodec;
   }
-  t.codecName = entry->name;
-  if (webm && !entry->webm) {
-    message = std::string("WebM cannot hold ") + entry->name + "; it holds VP8, VP9 and AV1 video and Vorbis and "
-              "Opus audio (write Matroska: -o NAME.mkv)";
-    return Mapping::kNotInWebm;
-  }
-  t.spec.codecId = entry->codecId;
-  if (p->extradata && p->extradata_size > 0) t.spec.codecPrivate.assign(p->extradata, p->extradata + p->extradata_size);
-  switch (p->codec_id) {
-    case AV_CODEC_ID_H264:
-    case AV_CODEC_ID_HEVC:
-      if (p->extradata_size < 7 || p->extradata[0] != 1) {
-        message = std::string(entry->name) + " without a decoder configuration record (Annex-B stream) is not "
-                  "supported; remux it into MP4 first";
-        return Mapping::kUnusable;
-      }
-      break;
-    case AV_CODEC_ID_AAC:
-      if (t.spec.codecPrivate.empty()) {
-        // ADTS: headers are stripped and the decoder configuration produced by libavcodec.
-        const AVBitStreamFilter* f = av_bsf_get_by_name("aac_adtstoasc");
-        if (!f || av_bsf_alloc(f, &t.bsf) < 0 || avcodec_parameters_copy(t.bsf->par_in, p) < 0 ||
-            (t.bsf->time_base_in = st->time_base, av_bsf_init(t.bsf) < 0)) {
-          message = "cannot convert the ADTS AAC stream";
-          return Mapping::kUnusable;
-        }
-      }
-      break;
-    case AV_CODEC_ID_FLAC:
-      // Matroska keeps the native header: the marker and the STREAMINFO block.
-      if (p->extradata_size == 34) {
-        static const uint8_t head[] = {'f', 'L', 'a', 'C', 0x80, 0, 0, 34};
-        t.spec.codecPrivate.insert(t.spec.codecPrivate.begin(), head, head + sizeof head);
-      }
-      break;
-    case AV_CODEC_ID_OPUS: {
-      const int rate = 48000;
-      t.spec.codecDelay = static_cast<uint64_t>(av_rescale(p->initial_padding, 1000000000, rate));
-      t.spec.seekPreRoll = 80000000;
-      break;
+  t.codecName = t.mapping.codecName;
+  if (webm) {
+    t.mapping = mapStream(*st->codecpar, true, st->disposition);
+    if (!t.mapping.ok) {
+      message = t.mapping.error;
+      return Mapping::kNotInWebm;
     }
-    default:
-      break;
   }
+  Kapsel::TTrackSpec& s = t.spec;
+  s.codecId = t.mapping.codecId;
+  s.codecName = t.mapping.codecName;
+  s.codecPrivate = t.mapping.codecPrivate;
+  s.codecDelay = t.mapping.codecDelayNs;
+  s.seekPreRoll = t.mapping.seekPreRollNs;
+  s.bitDepth = static_cast<uint32_t>(t.mapping.bitDepth);
   return Mapping::kOk;
 }
 
@@ -205,6 +126,9 @@ Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& t, 
   if (s.name.empty() && !genericHandler(tag(st, "handler_name"))) s.name = tag(st, "handler_name");
   if (st->disposition & AV_DISPOSITION_FORCED) s.flagForced = 1;
   s.defaultDuration = frameDuration(st);
+  // Readers step through laced frames by the default duration in whole ticks of the time base (1 ms): frames of
+  // another length would drift inside a lace, so they are not laced.
+  if (p->codec_type == AVMEDIA_TYPE_AUDIO && s.defaultDuration % 1000000 != 0) s.flagLacing = 0;
 
   if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
     s.pixelWidth = static_cast<uint32_t>(std::max(p->width, 0));
@@ -219,12 +143,6 @@ Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& t, 
   } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
     s.samplingFrequency = p->sample_rate;
     s.channels = static_cast<uint32_t>(std::max(p->ch_layout.nb_channels, 0));
-    if (std::strncmp(s.codecId.c_str(), "A_PCM", 5) == 0) {
-      const int bits = p->bits_per_coded_sample ? p->bits_per_coded_sample : av_get_bits_per_sample(p->codec_id);
-      s.bitDepth = static_cast<uint32_t>(std::max(bits, 0));
-    } else if (p->codec_id == AV_CODEC_ID_FLAC && p->bits_per_raw_sample > 0) {
-      s.bitDepth = static_cast<uint32_t>(p->bits_per_raw_sample);
-    }
   }
   return Mapping::kOk;
 }
