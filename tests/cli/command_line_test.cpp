@@ -188,7 +188,7 @@ TEST(CommandLine, ProgressFitsTheTerminalOrIsJsonAndModuleLinesNeedVerbose) {
   EXPECT_EQ(r.err.find("CLUSTER"), std::string::npos) << r.err;
 
   // Without a terminal and without --progress nothing is drawn; -v shows the module's two lines.
-  r = kapsel("mux -v " + shellQuote(in) + " -o " + shellQuote(out));
+  r = kapsel("mux --plugin -v " + shellQuote(in) + " -o " + shellQuote(out));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const auto errLines = lines(r.err);
   ASSERT_EQ(errLines.size(), 3u) << r.err;
