@@ -21,6 +21,9 @@ const char* videoCodecId(uint32_t codec) {
     case FourCC("MP4V"): return "V_MPEG4/ISO/ASP";
     case FourCC("VP62"): return "V_ON2VP6";
     case FourCC("VP8 "): return "V_VP8";
+    case FourCC("VP90"): return "V_VP9";
+    case FourCC("AV01"): return "V_AV1";
+    case FourCC("HEVC"): return "V_MPEGH/ISO/HEVC";
     default: return nullptr;
   }
 }
@@ -32,6 +35,8 @@ const char* audioCodecId(uint32_t codec) {
     case FourCC("LPCM"): return "A_PCM/INT/LIT";
     case FourCC("MP3 "): return "A_MPEG/L3";
     case FourCC("VRBS"): return "A_VORBIS";
+    case FourCC("OPUS"): return "A_OPUS";
+    case FourCC("FLAC"): return "A_FLAC";
     default: return nullptr;
   }
 }
@@ -195,7 +200,15 @@ uint32_t CKVMatroskaFormatter::Release() {
   return 0;
 }
 
+// Codes added after the first four video and five audio codes: from any maker, WebM's own ones in both formats.
+static bool takesCodecPrivate(uint32_t codec) {
+  return codec == FourCC("H264") || codec == FourCC("MP4V") || codec == FourCC("HEVC") || codec == FourCC("AV01") ||
+         codec == FourCC("AAC ") || codec == FourCC("OPUS") || codec == FourCC("FLAC");
+}
+
 bool CKVMatroskaFormatter::SupportsAudioCodec(uint32_t maker, uint32_t codec) const {
+  if (codec == FourCC("OPUS")) return true;
+  if (codec == FourCC("FLAC")) return doc_.fileFormat() != kFileFormatWebm;
   if (maker == kMakerKvi && codec == FourCC("VRBS")) return true;
   if (doc_.fileFormat() == kFileFormatWebm) return false;
   if (maker == kMakerKvi && codec == FourCC("AAC ")) return true;
@@ -204,6 +217,8 @@ bool CKVMatroskaFormatter::SupportsAudioCodec(uint32_t maker, uint32_t codec) co
 }
 
 bool CKVMatroskaFormatter::SupportsVideoCodec(uint32_t maker, uint32_t codec) const {
+  if (codec == FourCC("VP90") || codec == FourCC("AV01")) return true;
+  if (codec == FourCC("HEVC")) return doc_.fileFormat() != kFileFormatWebm;
   if (maker == kMakerOn2 && codec == FourCC("VP8 ")) return true;
   if (doc_.fileFormat() == kFileFormatWebm) return false;
   return codec == FourCC("H264") || codec == FourCC("MP4V");
@@ -354,7 +369,7 @@ void CKVMatroskaFormatter::buildHeader() {
       t.codecName_->set(videoCompressor_->GetDisplayName().str());
       t.video_->pixelWidth_->set(width_);
       t.video_->pixelHeight_->set(height_);
-      if ((videoCodec_ == FourCC("H264") || videoCodec_ == FourCC("MP4V")) && !videoPrivate_.empty())
+      if (takesCodecPrivate(videoCodec_) && !videoPrivate_.empty())
         t.codecPrivate_->set(videoPrivate_, frameStorage_);
     }
   }
@@ -372,8 +387,16 @@ void CKVMatroskaFormatter::buildHeader() {
       t.audio_->channels_->set(channels_);
       t.audio_->bitDepth_->set(bitsPerSample_);
       if (audioCodec_ == FourCC("VRBS")) buildVorbisPrivate();
-      if ((audioCodec_ == FourCC("AAC ") || audioCodec_ == FourCC("VRBS")) && !audioPrivate_.empty())
+      CodecBytes flac;
+      if (audioCodec_ == FourCC("FLAC") && flacCodecPrivate(audioPrivate_.data(), audioPrivate_.size(), flac))
+        audioPrivate_ = flac;
+      if ((takesCodecPrivate(audioCodec_) || audioCodec_ == FourCC("VRBS")) && !audioPrivate_.empty())
         t.codecPrivate_->set(audioPrivate_, frameStorage_);
+      uint64_t delay = 0;
+      if (audioCodec_ == FourCC("OPUS")) {
+        if (opusCodecDelay(audioPrivate_.data(), audioPrivate_.size(), delay) && delay) t.codecDelay_->set(delay);
+        t.seekPreRoll_->set(kOpusSeekPreRollNs);
+      }
     }
   }
 
@@ -395,7 +418,7 @@ void CKVMatroskaFormatter::buildHeader() {
 uint32_t CKVMatroskaFormatter::AddVideoSample(KVImage_t* sample) {
   if (!sample) return 0;
   const bool take = began_ && videoExpected();
-  if (take && (videoCodec_ == FourCC("H264") || videoCodec_ == FourCC("MP4V")) && videoPrivate_.empty() &&
+  if (take && takesCodecPrivate(videoCodec_) && videoPrivate_.empty() &&
       sample->descriptors) {
     if (IPacket* p = sample->descriptors->Find(IPacket::kPacketTypeDescriptor)) {
       if (p->GetData() && p->GetSize()) videoPrivate_.assign(p->GetData(), p->GetData() + p->GetSize());
@@ -421,7 +444,7 @@ uint32_t CKVMatroskaFormatter::AddVideoSample(KVImage_t* sample) {
 uint32_t CKVMatroskaFormatter::AddAudioSample(KVAudio_t* sample) {
   if (!sample) return 0;
   const bool take = began_ && audioExpected();
-  if (take && audioCodec_ == FourCC("AAC ") && audioPrivate_.empty() && sample->descriptors) {
+  if (take && takesCodecPrivate(audioCodec_) && audioPrivate_.empty() && sample->descriptors) {
     if (IPacket* p = sample->descriptors->Find(IPacket::kPacketTypeDescriptor)) {
       if (p->GetData() && p->GetSize()) audioPrivate_.assign(p->GetData(), p->GetData() + p->GetSize());
     }
