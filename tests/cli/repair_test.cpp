@@ -93,6 +93,29 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
   ASSERT_EQ(runCommand("ffmpeg -v error -y " + lavfi + "-c:v libvpx -b:v 300k -c:a libvorbis " + shellQuote(webm)).exitCode, 0);
   ASSERT_EQ(kapsel("mux -q " + shellQuote(ff) + " -o " + shellQuote(ours)).exitCode, 0);
   const std::string killed = killedMux(dir, ff, 400000);
+  // ffmpeg's file with its SeekHead and the Void after it turned into an unknown element and a 24-byte Void: the
+  // front has room only for a SeekHead that names a second one at the end.
+  const std::string noRoom = dir.path("no-room.mkv");
+  {
+    std::vector<unsigned char> b = readFile(ff);
+    const unsigned char seekHead[] = {0x11, 0x4D, 0x9B, 0x74};
+    const size_t at = static_cast<size_t>(std::search(b.begin(), b.end(), seekHead, seekHead + 4) - b.begin());
+    ASSERT_LT(at, 100u);
+    ASSERT_EQ(b[at + 4] & 0x80, 0x80);
+    const size_t v = at + 5 + (b[at + 4] & 0x7F);
+    ASSERT_EQ(b[v], 0xEC);
+    unsigned w = 1;
+    while (!(b[v + 1] & (0x80 >> (w - 1)))) ++w;
+    uint64_t voidSize = b[v + 1] & (0xFF >> w);
+    for (unsigned i = 1; i < w; ++i) voidSize = voidSize << 8 | b[v + 1 + i];
+    const size_t room = v + 1 + w + voidSize - at;
+    std::vector<unsigned char> front = {0x7A, 0xBC, 0x01, 0, 0, 0, 0, 0, 0, static_cast<unsigned char>(room - 24 - 10)};
+    front.resize(room - 24);
+    front.insert(front.end(), {0xEC, 0x80 | 22});
+    front.resize(room);
+    std::copy(front.begin(), front.end(), b.begin() + at);
+    writeFile(noRoom, b);
+  }
   ASSERT_FALSE(killed.empty()) << "the killed mux left no temporary file";
 
   enum Where { MidBlock, AfterClusterHeader, BeforeCluster, AtSixtyPercent, AsItIs };
@@ -105,6 +128,7 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
       {"ours at 60 %", ours, AtSixtyPercent},
       {"ffmpeg mid-block (CRC-32s)", ff, MidBlock},
       {"ffmpeg in a cluster's last block", ff, BeforeCluster},
+      {"ffmpeg with no room before the clusters", noRoom, AtSixtyPercent},
       {"WebM at 60 %", webm, AtSixtyPercent},
       {"kapsel mux killed", killed, AsItIs},
   };
@@ -131,6 +155,7 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
     ASSERT_EQ(readFile(file).size(), cut) << "a dry run changed the file";
     const CommandResult r = kapsel("repair " + shellQuote(file));
     ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out.find("is whole"), std::string::npos) << r.out;
 
     const std::vector<std::string> got = packetHashes(file), all = packetHashes(whole);
     const size_t before = packetsBefore(whole, cut);
