@@ -327,12 +327,12 @@ void Analysis::walk() {
 uint64_t Analysis::openEnd(uint64_t pos, bool& clean) {
   while (pos < limit_) {
     Header c;
-    if (!in_.header(pos, c) || c.unknown) return pos;
+    if (!in_.header(pos, c)) return pos;
     if (isTopLevel(c.id)) {
       clean = true;
       return pos;
     }
-    if (c.size > limit_ - pos - c.headerBytes) return pos;
+    if (c.unknown || c.size > limit_ - pos - c.headerBytes) return pos;
     pos += c.headerBytes + c.size;
   }
   return pos;
@@ -348,9 +348,14 @@ ClusterScan Analysis::scanCluster(uint64_t pos, const Header& h) {
   bool broke = false;
   while (p < limit) {
     Header c;
-    if (!in_.header(p, c) || c.unknown || (h.unknown && (isTopLevel(c.id) || !isClusterChild(c.id)))) {
-      // An open cluster ends at the next top-level element.
-      broke = !(h.unknown && in_.header(p, c) && !c.unknown && !isClusterChild(c.id));
+    if (!in_.header(p, c)) {
+      broke = true;
+      break;
+    }
+    // An open cluster ends at the next top-level element (which may be open too).
+    if (h.unknown && (isTopLevel(c.id) || !isClusterChild(c.id))) break;
+    if (c.unknown) {
+      broke = true;
       break;
     }
     if (c.size > limit - p - c.headerBytes || p + c.headerBytes > limit) {

@@ -118,7 +118,16 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
   }
   ASSERT_FALSE(killed.empty()) << "the killed mux left no temporary file";
 
-  enum Where { MidBlock, AfterClusterHeader, BeforeCluster, AtSixtyPercent, AsItIs };
+  // The killed file with every cluster open, as live recorders write them.
+  const std::string allOpen = dir.path("all-open.mkv");
+  {
+    std::vector<unsigned char> b = readFile(killed);
+    for (uint64_t at : clusterStarts(b))
+      if (b[at + 4] == 0x01) std::fill(b.begin() + at + 5, b.begin() + at + 12, 0xFF);
+    writeFile(allOpen, b);
+  }
+
+  enum Where { MidBlock, AfterClusterHeader, BeforeCluster, AtSixtyPercent, InFirstCluster, AsItIs };
   struct Case {
     std::string name, source;
     Where where;
@@ -131,16 +140,18 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
       {"ffmpeg with no room before the clusters", noRoom, AtSixtyPercent},
       {"WebM at 60 %", webm, AtSixtyPercent},
       {"kapsel mux killed", killed, AsItIs},
+      {"open clusters, cut in the first", allOpen, InFirstCluster},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::vector<unsigned char> original = readFile(c.source);
     const std::vector<uint64_t> clusters = clusterStarts(original);
-    ASSERT_GE(clusters.size(), 6u);
+    ASSERT_GE(clusters.size(), c.where == AsItIs || c.where == InFirstCluster ? 1u : 6u);
     uint64_t cut = original.size();
     if (c.where == MidBlock) cut = clusters[2] + 5000;
     if (c.where == BeforeCluster) cut = clusters[4] - 1;
     if (c.where == AtSixtyPercent) cut = original.size() * 6 / 10;
+    if (c.where == InFirstCluster) cut = clusters[0] + 30000;
     if (c.where == AfterClusterHeader) {
       unsigned width = 1;
       while (!(original[clusters[3] + 4] & (0x80 >> (width - 1)))) ++width;
@@ -149,7 +160,7 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
     const std::string file = dir.path("cut.mkv");
     cutCopy(c.source, file, cut);
     // The finished file the cut one is a prefix of (the killed mux's is ours, muxed from the same input).
-    const std::string whole = c.source == killed ? ours : c.source;
+    const std::string whole = c.source == killed || c.source == allOpen ? ours : c.source;
 
     ASSERT_EQ(kapsel("repair --dry-run " + shellQuote(file)).exitCode, 0);
     ASSERT_EQ(readFile(file).size(), cut) << "a dry run changed the file";
