@@ -304,7 +304,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     Kapsel::TWriterFrame frame;
     frame.track = tr.number;
     if (!tr.mapping.convert(pkt->data, static_cast<size_t>(pkt->size), tr.buffer, &frame.data, &frame.size)) {
-      if (++tr.dropped <= 3 && !o.quiet)
+      if (++tr.dropped <= 3)
         note(streamName(tr.ref) + ": the packet at " + seconds(av_rescale_q(pts, tb, kNanoseconds)) +
              " cannot be converted; dropped");
       return;
@@ -325,7 +325,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
                           : frame.decodeTime < tr.lastDecode ? "goes back in time"
                                                               : nullptr;
     if (problem) {
-      if (++tr.dropped <= 3 && !o.quiet)
+      if (++tr.dropped <= 3)
         note(streamName(tr.ref) + ": the packet at " + seconds(frame.time - offset) + " (decode time " +
              seconds(frame.decodeTime - offset) + ") " + problem + "; dropped");
       return;
@@ -384,7 +384,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   progress.finish(!readError && !sig && writeResult == Kapsel::TWriteResult::kOk);
   const Kapsel::TWriterReport report = writer.finish();
   for (auto& tr : tracks)
-    if (tr->dropped > 3 && !o.quiet) note(streamName(tr->ref) + ": " + std::to_string(tr->dropped) + " packets dropped in all");
+    if (tr->dropped > 3) note(streamName(tr->ref) + ": " + std::to_string(tr->dropped) + " packets dropped in all");
   if (o.verbose)
     note("writer: " + std::to_string(report.clusters) + " clusters (" + std::to_string(report.expectedClusters) +
          " expected), " + std::to_string(report.blocks) + " blocks, " + std::to_string(report.cuePoints) +

@@ -121,6 +121,9 @@ CLIPS = [
     ("colour_h264_mkv", "colour_h264.mkv",
      [["ffmpeg", *V("25"), *X264, "-color_primaries", "bt470bg", "-color_trc", "smpte170m", "-colorspace",
        "bt470bg", "-color_range", "pc"]], {"mkv": "ok", "opt": "ok"}),
+    # The 8th audio block of the first cluster says 0 ms: mux drops it with a warning and keeps every other packet.
+    ("backwards_mkv", "backwards.mkv", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest",
+                                         "{w}/forwards.mkv"], ["BACKWARDS", "{w}/forwards.mkv"]], {"mkv": "dropped"}),
     ("damaged_webm", "damaged.webm", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest",
                                        "{w}/undamaged.webm"], ["DAMAGE", "{w}/undamaged.webm"]],
      {"opt": "damaged"}),
@@ -147,6 +150,29 @@ def vint(data, pos, keep_marker=False):
     return value, length
 
 
+def blocks(data):
+    """(position of the payload, size) of every SimpleBlock of the first cluster."""
+    pos = data.index(b"\x1f\x43\xb6\x75")
+    _, n = vint(data, pos + 4)
+    pos += 4 + n
+    while pos < len(data):
+        ident, n = vint(data, pos, keep_marker=True)
+        size, m = vint(data, pos + n)
+        if ident == 0xA3:
+            yield pos + n + m, size
+        elif ident == 0x1F43B675:
+            return
+        pos += n + m + size
+
+
+def backwards(src, dst):
+    """Sets the time of the 8th block of track 2 in the first cluster to the cluster's time."""
+    data = bytearray(open(src, "rb").read())
+    audio = [p for p, _ in blocks(data) if data[p] == 0x82]
+    data[audio[7] + 1:audio[7] + 3] = b"\x00\x00"
+    open(dst, "wb").write(bytes(data))
+
+
 def damage(src, dst):
     """Inserts one byte into the middle of the first block of the first cluster."""
     data = bytearray(open(src, "rb").read())
@@ -168,8 +194,8 @@ def generate(work, clip):
     out = os.path.join(work, fname)
     for cmd in cmds:
         cmd = [c.replace("{w}", work) for c in cmd]
-        if cmd[0] == "DAMAGE":
-            damage(cmd[1], out)
+        if cmd[0] in ("DAMAGE", "BACKWARDS"):
+            (damage if cmd[0] == "DAMAGE" else backwards)(cmd[1], out)
             continue
         if cmd[0] == "ffmpeg":
             cmd = ["ffmpeg", "-v", "error", "-y", *cmd[1:]]
@@ -560,6 +586,24 @@ def main():
                 print(f"  {name} {kind}: temporary file left behind: {leftovers[0]}")
                 for f in leftovers:
                     os.remove(os.path.join(work, f))
+            if want == "dropped":
+                # Every packet but the one whose time goes back, and a warning that names it.
+                problems = [] if r.returncode == 0 and re.search(r"stream 0:1: the packet at [0-9.]+ s .* goes back "
+                                                                  r"in time; dropped", r.stderr) else \
+                    [f"exit {r.returncode}, says {r.stderr.strip()[:200]!r}"]
+                for index in (0, 1):
+                    spk, opk = packets(src, index)[2], packets(out, index)[2] if not problems else []
+                    # ffmpeg's copy shows a time that goes back as the time before it.
+                    back = [i for i in range(1, len(spk)) if spk[i][0] <= spk[i - 1][0]]
+                    kept = [p for i, p in enumerate(spk) if i not in back]
+                    e = diff_lists([(p[0], p[2]) for p in kept], [(p[0], p[2]) for p in opk], f"stream {index} packet")
+                    if e and not problems:
+                        problems.append(e)
+                rows.append((name, kind, "FAIL" if problems else "ok", "-", "-"))
+                for p in problems:
+                    print(f"  {name} {kind}: {p}")
+                failed |= bool(problems)
+                continue
             if want == "refused" or r.returncode != 0:
                 ok = want == "refused" and r.returncode == 1 and not os.path.exists(out)
                 rows.append((name, kind, "refused" if ok else "FAIL", "-", "-"))
