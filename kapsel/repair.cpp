@@ -190,6 +190,7 @@ class Analysis {
   uint64_t scale_ = 1000000;
   uint64_t blocks_ = 0;
   std::vector<unsigned char> info_;  // the Info element's bytes
+  uint64_t infoTakesVoid_ = kNone;   // a Void after Info that Info grows into
   long infoIndex_ = -1;
 };
 
@@ -213,6 +214,12 @@ RepairPlan Analysis::run() {
   if (cut_ != kNone && !segHeader_.unknown && declaredEnd_ <= plan.fileSize) {
     plan.message = path_ + " is damaged at byte " + str(cut_) +
                    ", inside a Segment that ends within the file; repair only mends files cut off at the end";
+    return plan;
+  }
+  if (!segHeader_.unknown && declaredEnd_ < plan.fileSize) {
+    // Truncating would lose what follows the Segment.
+    plan.message = path_ + " has bytes after its Segment and open elements inside it; repair only mends files cut "
+                   "off at the end";
     return plan;
   }
   dropTrailing();
@@ -247,8 +254,8 @@ RepairPlan Analysis::run() {
     plan.writes.push_back(RepairPlan::Write{end, cueBytes});
     end += cueBytes.size();
   }
-  seekHeads(plan, cueBytes.empty() ? kNone : cutAt, end);
   duration(plan);
+  seekHeads(plan, cueBytes.empty() ? kNone : cutAt, end);
   segmentSize(plan, end);
   plan.newSize = end;
   if (end != plan.fileSize)
@@ -594,7 +601,7 @@ void Analysis::seekHeads(RepairPlan& plan, uint64_t cuesAt, uint64_t& end) {
   std::vector<long> voids;
   if (front < 0)
     for (size_t i = 0; i < elements_.size() && elements_[i].position < firstCluster; ++i)
-      if (elements_[i].id == kIdVoid) voids.push_back(static_cast<long>(i));
+      if (elements_[i].id == kIdVoid && elements_[i].position != infoTakesVoid_) voids.push_back(static_cast<long>(i));
 
   // Tries a content at the front; true when written there.
   auto placeFront = [&](const SeekHeadContent& h, const std::string& what) {
@@ -709,6 +716,7 @@ void Analysis::duration(RepairPlan& plan) {
       std::copy(field.begin(), field.end(), bytes.begin() + info.header.headerBytes - info.header.sizeWidth);
       append(bytes, d);
       newInfoSize = grown;
+      if (room > info.size) infoTakesVoid_ = elements_[infoIndex_ + 1].position;
       if (grown < room) append(bytes, voidBytes(room - grown));
     }
     how = "Duration " + seconds(units * double(scale_) / 1e9) + " added";

@@ -1,5 +1,6 @@
 // kapsel repair: mend, in place, a file cut off while it was being written.
 
+#include <iomanip>
 #include <iostream>
 
 #include "kapsel/repair.h"
@@ -32,8 +33,8 @@ int runRepair(const RepairOptions& options) {
       break;
   }
   if (options.dryRun || !options.quiet) {
-    std::cout << options.file << (options.dryRun ? ": would keep " : ": keeps ") << plan.blocks
-              << " whole blocks, " << Progress::clock(plan.duration) << "\n";
+    std::cout << options.file << (options.dryRun ? ": would keep " : ": keeps ") << plan.blocks << " whole blocks, "
+              << std::fixed << std::setprecision(3) << plan.duration << " s\n";
     for (const auto& line : plan.actions) std::cout << "  " << line << "\n";
   }
   for (const auto& line : plan.notes) note(line);
