@@ -150,6 +150,14 @@ TEST(KapselMux, RefusalsAndFailuresSayOneLineAndExitNonZero) {
     EXPECT_NE(r.err.find("WebM cannot hold MP3"), std::string::npos) << r.err;
     EXPECT_FALSE(std::ifstream(dir.path("x.webm")).good()) << "nothing may be written";
   }
+  // Stream and track options that name what is not there, or are not of their form, are usage errors.
+  for (const char* bad : {"--map 0", "--map 1:0", "--map 0:2", "--map 0:0 --map 0:0", "--language 1:english",
+                          "--language 3:ger", "--default-track 1:2", "--track-name x:y", "--plugin --map 0:0"}) {
+    CommandResult r = kapsel("mux -q " + shellQuote(vp8) + " " + bad + " -o " + shellQuote(dir.path("u.mkv")));
+    EXPECT_EQ(r.exitCode, 2) << bad << ": " << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << bad << ": " << r.err;
+    EXPECT_FALSE(std::ifstream(dir.path("u.mkv")).good()) << bad;
+  }
   oneLine(kapsel("mux -q " + shellQuote(dir.path("missing.mp4")) + " -o " + shellQuote(dir.path("y.mkv"))));
   {
     std::ofstream junk(dir.path("junk.mkv"), std::ios::binary);
