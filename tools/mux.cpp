@@ -191,7 +191,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
         why[ref] = message;
         break;
       case Mapping::kNotInWebm:
-        return fail(streamName(ref) + ": " + message);
+        return fail(streamName(ref) + ": " + message + (o.maps.empty() ? " (--map picks the streams to keep)" : ""));
     }
   }
   if (!o.quiet && o.maps.empty()) reportLeftOut(inputs, kept, why);
