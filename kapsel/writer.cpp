@@ -407,11 +407,10 @@ bool StreamWriter::Impl::joinsBlock(const TrackState& t, const Pending& f) const
   // Readers space laced frames by the default duration: a frame off that step starts its own block.
   if (t.video()) return f.time == blockLastTime + blockLastDuration;
   if (legacy) return true;
-  if (!t.audio() || t.spec.defaultDuration == 0) return false;
-  const double expected = static_cast<double>(blockStart) * static_cast<double>(options.timestampScale) +
-                          static_cast<double>(inBlock) * static_cast<double>(t.spec.defaultDuration);
-  return std::fabs(static_cast<double>(f.time) * static_cast<double>(options.timestampScale) - expected) <=
-         static_cast<double>(options.timestampScale) / 2;
+  // Readers step through a lace by DefaultDuration in whole ticks: only an exact step keeps every time.
+  const uint64_t step = t.spec.defaultDuration;
+  if (!t.audio() || step == 0 || step % options.timestampScale != 0) return false;
+  return f.time == blockStart + static_cast<int64_t>(inBlock * (step / options.timestampScale));
 }
 
 void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
