@@ -242,6 +242,14 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     if (tr->mapping.needsFirstPacket)
       return fail(streamName(tr->ref) + ": " +
                   (tr->mapping.error.empty() ? "no decoder configuration in its first packets" : tr->mapping.error));
+    // Frames of a raw stream follow each other by their durations, which holds only when none is reordered.
+    for (const AVPacket* p : inputs[static_cast<size_t>(tr->ref.first)]->ahead) {
+      if (p->stream_index != tr->ref.second) continue;
+      if (p->pts == AV_NOPTS_VALUE && p->dts == AV_NOPTS_VALUE && tr->st->codecpar->video_delay > 0)
+        return fail(streamName(tr->ref) + ": a raw stream of reordered frames carries no times; put it into a "
+                    "container with times first");
+      break;
+    }
   }
   const int64_t duration = longestDuration(inputs);
 
@@ -298,28 +306,27 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     // The writer keeps the packet's bytes until it has written them; the packet is freed then.
     std::shared_ptr<AVPacket> pkt(raw, [](AVPacket* p) { av_packet_free(&p); });
     const AVRational tb = tr.st->time_base;
-    int64_t pts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
-    if (pts == AV_NOPTS_VALUE) pts = tr.lastPts != AV_NOPTS_VALUE ? tr.lastPts : 0;
-    tr.lastPts = pts;
+    const int64_t offset = shiftNs + static_cast<int64_t>(tr.spec.codecDelay);
+    const int64_t given = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
     Kapsel::TWriterFrame frame;
     frame.track = tr.number;
+    frame.duration = pkt->duration > 0 ? av_rescale_q(pkt->duration, tb, kNanoseconds) : -1;
+    // A packet without times (a raw stream, whose frames are not reordered) follows the one before it.
+    const int64_t source = given != AV_NOPTS_VALUE ? av_rescale_q(given, tb, kNanoseconds) : tr.nextTime;
+    tr.nextTime = source + (frame.duration > 0 ? frame.duration : static_cast<int64_t>(tr.spec.defaultDuration));
     if (!tr.mapping.convert(pkt->data, static_cast<size_t>(pkt->size), tr.buffer, &frame.data, &frame.size)) {
-      if (++tr.dropped <= 3)
-        note(streamName(tr.ref) + ": the packet at " + seconds(av_rescale_q(pts, tb, kNanoseconds)) +
-             " cannot be converted; dropped");
+      if (++tr.dropped <= 3) note(streamName(tr.ref) + ": the packet at " + seconds(source) + " cannot be converted; dropped");
       return;
     }
-    const int64_t offset = shiftNs + static_cast<int64_t>(tr.spec.codecDelay);
-    frame.time = av_rescale_q(pts, tb, kNanoseconds) + offset;
+    frame.time = source + offset;
     // Decode times before the start (B-frames ahead of the first shown frame) are all taken as the start. A video
     // frame without one (Matroska input, before the demuxer has worked it out) decodes with the frame before it.
     if (pkt->dts != AV_NOPTS_VALUE)
       frame.decodeTime = std::max<int64_t>(av_rescale_q(pkt->dts, tb, kNanoseconds) + offset, 0);
-    else if (tr.spec.kind == Kapsel::TTrackKind::kVideo && tr.lastDecode != INT64_MIN)
+    else if (tr.spec.kind == Kapsel::TTrackKind::kVideo && given != AV_NOPTS_VALUE && tr.lastDecode != INT64_MIN)
       frame.decodeTime = tr.lastDecode;
     else
       frame.decodeTime = std::max<int64_t>(frame.time, tr.lastDecode);
-    frame.duration = pkt->duration > 0 ? av_rescale_q(pkt->duration, tb, kNanoseconds) : -1;
     frame.key = tr.spec.kind != Kapsel::TTrackKind::kVideo || (pkt->flags & AV_PKT_FLAG_KEY);
     const char* problem = frame.time < 0 ? "is before the start of the output"
                           : frame.decodeTime < tr.lastDecode ? "goes back in time"

@@ -79,7 +79,7 @@ struct OutTrack {
   StreamMapping mapping;  // also converts the packets when the output carries them otherwise
   std::vector<uint8_t> buffer;  // for converted packets
   int64_t lastDecode = INT64_MIN;  // ns, after the shift
-  int64_t lastPts = AV_NOPTS_VALUE;  // in the stream's time base, for packets without times
+  int64_t nextTime = 0;  // ns before the shift: where a packet without times goes
   uint64_t frames = 0, bytes = 0, dropped = 0;
 };
 

@@ -93,7 +93,7 @@ CLIPS = [
      {"mkv": "ok"}),
     ("tags_vp8_mkv", "tags_vp8.mkv", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", *META]],
      {"mkv": "ok", "webm": "ok", "opt": "ok"}),
-    ("two_audio_subs_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok", "webm": "refused", "opt": "ok", "plugin": "ok"}),
+    ("two_audio_subs_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok", "webm": "refused", "opt": "ok"}),
     ("mapped_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok"},
      {"args": ["--map", "0:2", "--map", "0:0", "--map", "0:4", "--map", "0:5", "--language", "1:fre",
                "--track-name", "1:Commentaire", "--default-track", "1:0", "--default-track", "3:1"],
