@@ -318,6 +318,20 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
       if (++tr.dropped <= 3) note(streamName(tr.ref) + ": the packet at " + seconds(source) + " cannot be converted; dropped");
       return;
     }
+    if (tr.spec.codecId.rfind("D_WEBVTT", 0) == 0) {
+      // A WebM WebVTT block is the cue's identifier line, its settings line and then its text.
+      std::vector<uint8_t> block;
+      for (AVPacketSideDataType type : {AV_PKT_DATA_WEBVTT_IDENTIFIER, AV_PKT_DATA_WEBVTT_SETTINGS}) {
+        size_t n = 0;
+        const uint8_t* side = av_packet_get_side_data(pkt.get(), type, &n);
+        if (side) block.insert(block.end(), side, side + n);
+        block.push_back('\n');
+      }
+      block.insert(block.end(), frame.data, frame.data + frame.size);
+      tr.buffer.swap(block);
+      frame.data = tr.buffer.data();
+      frame.size = tr.buffer.size();
+    }
     frame.time = source + offset;
     // Decode times before the start (B-frames ahead of the first shown frame) are all taken as the start. A video
     // frame without one (Matroska input, before the demuxer has worked it out) decodes with the frame before it.

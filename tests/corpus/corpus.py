@@ -40,6 +40,7 @@ END=1200
 title=Rest
 """
 SRT = "1\n00:00:00,100 --> 00:00:00,600\nHello\n\n2\n00:00:00,700 --> 00:00:01,100\nWorld\n"
+VTT = "WEBVTT\n\ncue1\n00:00:00.100 --> 00:00:00.600 align:start\nHello\n\n00:00:00.700 --> 00:00:01.100\nWorld\n"
 # Video, two audio languages (one named), SRT, forced ASS and a font for it.
 MULTI = [["ffmpeg", "-i", "{w}/subs.srt", "{w}/subs.ass"],
          ["ffmpeg", *V("25"), *A(), *A(880, 48000, "mono"), "-i", "{w}/subs.srt", "-i", "{w}/subs.ass", "-map", "0",
@@ -108,6 +109,9 @@ CLIPS = [
                                         "tracks": [("video", "und", None, False, False), ("audio", "und", None, True, False),
                                                    ("subtitles", "und", None, False, False)]}),
     # 16:9 from 4:3 pixels.
+    # WebM blocks carry the cue's identifier and settings lines before its text.
+    ("webvtt_webm", "webvtt.webm", [["ffmpeg", *V("25"), "-i", "{w}/subs.vtt", *VP8, "-c:s", "webvtt", "OUT"]],
+     {"webm": "ok"}),
     ("anamorphic_mp4", "anamorphic.mp4", [["ffmpeg", *V("25"), "-vf", "scale=192:144,setsar=4/3", *X264]],
      {"mkv": "ok"}),
     ("opus_webm", "opus.webm", [["ffmpeg", *V("25"), *A(rate=48000), *VP8, "-c:a", "libopus", "-shortest"]],
@@ -215,8 +219,10 @@ def packets(path, index):
     # Raw ADTS is compared without its frame headers, as Matroska carries AAC.
     adts = ["-bsf", "aac_adtstoasc"] if path.endswith(".aac") else []
     r = run(["ffmpeg", "-v", "error", "-i", path, "-map", f"0:{index}", "-c", "copy", *adts, "-f", "framemd5", "-"])
-    tb, extra, pk = None, None, []
+    tb, extra, pk, subtitle = None, None, [], False
     for line in r.stdout.splitlines():
+        if line.startswith("#media_type"):
+            subtitle = line.endswith("subtitle")
         if line.startswith("#tb"):
             num, den = line.split(":")[1].strip().split("/")
             tb = Fraction(int(num), int(den))
@@ -225,7 +231,8 @@ def packets(path, index):
         elif line and not line.startswith("#"):
             f = [x.strip() for x in line.split(",")]
             pts = None if int(f[2]) == -2**63 else int(f[2]) * tb
-            pk.append((pts, int(f[3]) * tb, f[5]))
+            # A subtitle's side data (WebVTT cue identifier and settings) is part of the cue.
+            pk.append((pts, int(f[3]) * tb, ",".join(f[5:]) if subtitle else f[5]))
     return tb, extra, pk, r.stderr.strip()
 
 
@@ -546,6 +553,7 @@ def main():
     os.makedirs(work, exist_ok=True)
     open(os.path.join(work, "chapters.txt"), "w").write(CHAPTERS)
     open(os.path.join(work, "subs.srt"), "w").write(SRT)
+    open(os.path.join(work, "subs.vtt"), "w").write(VTT)
     open(os.path.join(work, "font.ttf"), "wb").write(b"\x00\x01\x00\x00" + bytes(range(60)))
     start = time.time()
     rows, failed = [], False
