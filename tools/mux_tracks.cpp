@@ -126,9 +126,6 @@ Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& t, 
   if (s.name.empty() && !genericHandler(tag(st, "handler_name"))) s.name = tag(st, "handler_name");
   if (st->disposition & AV_DISPOSITION_FORCED) s.flagForced = 1;
   s.defaultDuration = frameDuration(st);
-  // Readers step through laced frames by the default duration in whole ticks of the time base (1 ms): frames of
-  // another length would drift inside a lace, so they are not laced.
-  if (p->codec_type == AVMEDIA_TYPE_AUDIO && s.defaultDuration % 1000000 != 0) s.flagLacing = 0;
 
   if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
     s.pixelWidth = static_cast<uint32_t>(std::max(p->width, 0));
