@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -99,42 +98,17 @@ TEST(Vsize, SignedIsBiasedByHalfRange) {
   }
 }
 
-TEST(FixedWidth, UnsignedAndSignedWidths) {
-  EXPECT_EQ(uintNumBytes(0), 1u);
-  EXPECT_EQ(uintNumBytes(0x100), 2u);
+// Widths and encodings at the common boundaries are pinned through the integer and float payloads;
+// here only what those do not reach: the 4/5-byte step, cutting to a given width, and a zero-width read.
+TEST(FixedWidth, WidthStepsAndTruncation) {
   EXPECT_EQ(uintNumBytes(0xFFFFFFFFull), 4u);
   EXPECT_EQ(uintNumBytes(0x100000000ull), 5u);
-  EXPECT_EQ(uintNumBytes(~0ull), 8u);
-  EXPECT_EQ(intNumBytes(127), 1u);
-  EXPECT_EQ(intNumBytes(-128), 1u);
-  EXPECT_EQ(intNumBytes(128), 2u);
-  EXPECT_EQ(intNumBytes(-129), 2u);
-  EXPECT_EQ(intNumBytes(INT64_MIN), 8u);
-
   unsigned char buf[8] = {};
-  EXPECT_EQ(uintEncode(0x010203, buf), 3u);
-  EXPECT_EQ(Bytes(buf, buf + 3), (Bytes{0x01, 0x02, 0x03}));
   EXPECT_EQ(uintEncode(0xAABBCCDD, buf, 2), 2u);
   EXPECT_EQ(Bytes(buf, buf + 2), (Bytes{0xCC, 0xDD}));
-  EXPECT_EQ(uintEncode(static_cast<uint64_t>(-129ll), buf, intNumBytes(-129)), 2u);
-  EXPECT_EQ(Bytes(buf, buf + 2), (Bytes{0xFF, 0x7F}));
-
   const unsigned char be[] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
   EXPECT_EQ(uintDecode(be, 0), 0u);
-  EXPECT_EQ(uintDecode(be, 2), 0x1234u);
   EXPECT_EQ(uintDecode(be, 8), 0x123456789ABCDEF0ull);
-}
-
-TEST(FixedWidth, FloatsAreBigEndianBitPatterns) {
-  unsigned char buf[8] = {};
-  EXPECT_EQ(floatEncode(-2.5f, buf), 4u);
-  EXPECT_EQ(Bytes(buf, buf + 4), (Bytes{0xC0, 0x20, 0x00, 0x00}));
-  EXPECT_EQ(floatDecode(buf), -2.5f);
-  EXPECT_EQ(doubleEncode(0.1, buf), 8u);
-  EXPECT_EQ(Bytes(buf, buf + 8), (Bytes{0x3F, 0xB9, 0x99, 0x99, 0x99, 0x99, 0x99, 0x9A}));
-  EXPECT_EQ(doubleDecode(buf), 0.1);
-  doubleEncode(std::nan(""), buf);
-  EXPECT_TRUE(std::isnan(doubleDecode(buf)));
 }
 
 TEST(FromStorage, IdsOfOneToFourBytes) {
@@ -189,13 +163,9 @@ TEST(Crc32Sum, CheckValueAndSplitFeeding) {
   EXPECT_EQ(split.checksum(), 0xCBF43926u);
 }
 
-TEST(UniqueIds, TopSevenBitsClearAndBytesVary) {
+// The byte fill is checked with the process and thread tests of the hostile inputs.
+TEST(UniqueIds, TopSevenBitsClear) {
   for (int i = 0; i < 2000; ++i) EXPECT_EQ(createUID() >> 57, 0u);
-  unsigned char buf[64];
-  createUID(buf, sizeof buf);
-  bool varied = false;
-  for (unsigned char b : buf) varied |= b != buf[0];
-  EXPECT_TRUE(varied);
 }
 
 TEST(DumpHelpers, IndentAndSerialize) {
