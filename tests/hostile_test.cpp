@@ -111,12 +111,6 @@ const Raw* child(const std::vector<Raw>& kids, uint64_t id) {
   return nullptr;
 }
 
-std::vector<uint64_t> ids(const std::vector<Raw>& kids) {
-  std::vector<uint64_t> out;
-  for (const auto& k : kids) out.push_back(k.id);
-  return out;
-}
-
 // Peak resident memory that a function adds, measured in a child process (KiB).
 long addedPeakKiB(const std::function<void()>& fn) {
   int fds[2];
@@ -150,7 +144,6 @@ TEST(HostileFiles, NestingDeeperThanTheLimitIsPassedOverAndTheNextSiblingLoads) 
   std::vector<Bytes> headers;
   size_t size = uid.size();
   for (int i = 0; i < levels; ++i) {
-    const Bytes h = elt(0xB6, {});
     unsigned char b[8];
     const unsigned n = vsizeEncode(size, b);
     headers.push_back(cat({{0xB6}, Bytes(b, b + n)}));
@@ -255,14 +248,6 @@ TEST(HostileFiles, MemoryFollowsTheInputNotItsClaims) {
   EXPECT_EQ(claims.seg().clusters_.front()->blocks_.count(), 2u);
   const uint64_t clusterPayload = kHeader.size() + 12 + kTracks.size() + 12;
   EXPECT_EQ(claims.doc.damagedRanges(), (std::vector<TByteRange>{{huge.size(), clusterPayload + (1ull << 50)}}));
-
-  // A block claiming 256 laced frames in no bytes at all parses into at most 256 frames.
-  SimpleBlock block;
-  const Bytes laced = {0x81, 0x00, 0x00, 0x84, 0xFF};
-  HodgePodge bytes;
-  bytes.add(receiptForConstMemory(laced.data(), laced.size()));
-  block.importData(bytes);
-  EXPECT_LE(block.frames().size(), 256u);
 }
 
 TEST(HostileFiles, ReadingGoesOnAtTheNextClusterAfterDamage) {
