@@ -1,9 +1,8 @@
 // Whole documents: the EBML header, save and load of full segments, references, CRC-32,
-// files written by other muxers, the optimiser, and damaged input.
+// the optimiser, and files written by other muxers.
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -86,11 +85,6 @@ uint32_t crc32Of(const unsigned char* p, size_t n) {
     for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
   }
   return ~c;
-}
-
-void writeBytes(const std::string& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 bool saveTo(const MatroskaDoc& doc, const std::string& path) {
@@ -259,7 +253,7 @@ TEST(DocumentHeader, ByteExactForEachDocumentKindAndKeptOnReload) {
   EXPECT_EQ(bytesOf(MatroskaDoc()), mkv(1));
 
   // Loaded back, the header keeps its values and the Void after "webm", and saves the same bytes.
-  writeBytes(dir.path("in"), webm);
+  writeFile(dir.path("in"), webm);
   MatroskaDoc loaded;
   FileStorage in(dir.path("in"), File::kReadOnly);
   EXPECT_EQ(loaded.load(in, webm.size()), webm.size());
@@ -411,7 +405,7 @@ TEST_P(SavedDocument, SeekHeadGuidedLoadAndOpenSizes) {
   markUnknown(segment_);
   for (const auto& k : rawChildren(bytes_, segment_))
     if (k.id == kCluster) markUnknown(k);
-  writeBytes(dir_.path("open"), open);
+  writeFile(dir_.path("open"), open);
   MatroskaDoc doc;
   FileStorage in(dir_.path("open"), File::kReadOnly);
   EXPECT_EQ(doc.load(in, open.size()), open.size());
@@ -451,6 +445,45 @@ TEST_P(SavedDocument, IndependentReadersAgree) {
     // Its parser drops the whole index when one cue point lacks a time.
     EXPECT_EQ(w.out.find("No cue points"), std::string::npos) << w.out;
   }
+}
+
+// Whether anything below the document keeps a CRC-32 or Void padding.
+class FindsCrcOrVoid : public IElementCrawler {
+ public:
+  bool eval(IElement& e) override {
+    if (e.shouldComputeCrc32() || e.getPayload().hasVoid()) {
+      found = e.getName();
+      return true;
+    }
+    return evalPayload(e.getPayload());
+  }
+  std::string found;
+};
+
+// The EBML header is left out: a WebM header keeps its Void after DocType on purpose.
+TEST_P(SavedDocument, OptimizeDropsCrcAndVoidsAndKeepsEveryFrame) {
+  WebmDoc doc(webm_ ? kFileFormatWebm : kFileFormatMatroska);
+  FileStorage in(path_, File::kReadOnly);
+  ASSERT_EQ(doc.load(in, bytes_.size()), bytes_.size());
+  MatroskaDoc::SegmentElt& seg = doc.segments_.front();
+  seg->tracks_->addVoid(3);  // padding as other muxers leave it, after a master and inside one
+  seg->tracks_->tracks_.front().getPayload().addVoid(1);
+  FindsCrcOrVoid loaded, optimized;
+  EXPECT_TRUE(loaded.eval(seg));
+  MemoryStorage memory;
+  doc.optimize(memory);
+  EXPECT_FALSE(optimized.eval(seg)) << optimized.found;
+  ASSERT_TRUE(saveTo(doc, dir_.path("optimized")));
+  const Bytes out = readFile(dir_.path("optimized"));
+  const RawElt segment = rawChildren(out, 0, out.size()).at(1);
+  for (const auto& k : rawChildren(out, segment)) {
+    EXPECT_TRUE(k.id != 0xEC && k.id != 0xBF) << std::hex << k.id;
+    for (const auto& kk : rawChildren(out, k)) EXPECT_TRUE(kk.id != 0xEC && kk.id != 0xBF) << std::hex << k.id;
+  }
+  MatroskaDoc back;
+  FileStorage again(dir_.path("optimized"), File::kReadOnly);
+  EXPECT_EQ(back.load(again, out.size()), out.size());
+  EXPECT_EQ(framesOf(back), frames_);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, SavedDocument, ::testing::Values(false, true),
@@ -533,53 +566,6 @@ TEST_F(RealFiles, LoadFindsEveryFrameTheReaderCounts) {
     }
   }
   EXPECT_TRUE(sawClusterIndex);
-}
-
-// Whether anything below the document keeps a CRC-32 or Void padding.
-class FindsCrcOrVoid : public IElementCrawler {
- public:
-  bool eval(IElement& e) override {
-    if (e.shouldComputeCrc32() || e.getPayload().hasVoid()) {
-      found = e.getName();
-      return true;
-    }
-    return evalPayload(e.getPayload());
-  }
-  std::string found;
-};
-
-TEST_F(RealFiles, OptimizedFilesDropCrcAndVoidsAndKeepEveryFrame) {
-  std::map<std::string, bool> padded;
-  for (const auto& f : files_) {
-    SCOPED_TRACE(f);
-    WebmDoc doc(kFileFormatMatroska);
-    FileStorage in(f, File::kReadOnly);
-    ASSERT_GT(doc.load(in, in.file().size()), 0u);
-    if (doc.head_->docType_->get() == "webm") doc.setFileFormat(kFileFormatWebm);
-    FindsCrcOrVoid loaded, optimized;
-    padded[f] = doc.eval(loaded);
-    MemoryStorage memory;
-    doc.optimize(memory);
-    EXPECT_FALSE(doc.eval(optimized)) << optimized.found;
-    const std::string out = dir_->path("optimized");
-    ASSERT_TRUE(saveTo(doc, out));
-    const Bytes bytes = readFile(out);
-    for (const auto& top : rawChildren(bytes, 0, bytes.size()))
-      for (const auto& k : rawChildren(bytes, top)) {
-        EXPECT_TRUE(k.id != 0xEC && k.id != 0xBF) << std::hex << top.id;
-        if (top.id != Segment::kId) continue;
-        for (const auto& kk : rawChildren(bytes, k)) EXPECT_TRUE(kk.id != 0xEC && kk.id != 0xBF) << std::hex << k.id;
-      }
-    for (int stream = 0; stream < 2; ++stream) {
-      const auto original = frameMd5(f, stream);
-      EXPECT_FALSE(original.empty());
-      EXPECT_EQ(frameMd5(out, stream), original) << "stream " << stream;
-    }
-    EXPECT_EQ(mkvmergeJson(out).exitCode, 0);
-  }
-  // The live file carries CRC-32 elements and mkvmerge leaves Voids: the optimiser had work to do.
-  EXPECT_TRUE(padded[dir_->path("live.mkv")]);
-  EXPECT_TRUE(padded[dir_->path("merged.mkv")]);
 }
 
 }  // namespace
