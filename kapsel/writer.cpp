@@ -18,6 +18,7 @@ constexpr uint64_t kIdTags = 0x1254C367;
 constexpr uint64_t kIdCluster = 0x1F43B675;
 constexpr uint64_t kOpenSize = 0xFFFFFFFFFFFFFFFFull;  // the maximum size marker: written open, patched later
 constexpr unsigned kMaxLacedFrames = 8;
+constexpr unsigned long kWriteLine = 1ul << 20;
 
 void appendId(std::vector<unsigned char>& out, uint64_t id) {
   unsigned char b[8];
@@ -485,7 +486,7 @@ void StreamWriter::Impl::finishCurrentBlock() {
   block.exportData(element->data(), frameStorage);
   block = SimpleBlock();
   endOfFile();
-  if (!element.save(*storage, 0)) fail(TWriteResult::kWriteFailed);
+  if (!element.save(*storage, 0) || file().hadWriteError()) fail(TWriteResult::kWriteFailed);
   for (auto& r : blockReleases) r();
   blockReleases.clear();
   blockCopies.clear();
@@ -743,6 +744,9 @@ TWriteResult StreamWriter::open(FileStorage& storage, const TWriterOptions& opti
   if (m.storage && m.storage != &storage) return TWriteResult::kAfterFinish;
   if (!storage.file().isOpen()) return TWriteResult::kWriteFailed;
   m.storage = &storage;
+  // Large lines make few big writes; four of them keep the open cluster's header at hand for its size patch.
+  if (TCache* cache = storage.file().cache())
+    if (cache->lineSize() < kWriteLine) cache->resize(4, kWriteLine);
   m.start(options);
   return TWriteResult::kOk;
 }
@@ -851,6 +855,9 @@ TWriterReport StreamWriter::finish() {
         if (p.release) p.release();
     for (auto& r : m.blockReleases) r();
     m.blockReleases.clear();
+    // Cached lines go to the file now, so that a failing write is reported here.
+    if (TCache* cache = m.file().cache()) cache->clear();
+    if (m.file().hadWriteError()) m.fail(TWriteResult::kWriteFailed);
     m.report.clusters = m.clusterCount;
     m.report.cuePoints = m.cues.size();
     m.report.fileSize = m.endOfFile();
