@@ -15,6 +15,8 @@ int runOptimize(const OptimizeOptions& o) {
     return fail("the output " + o.output + " is the input " + o.input + "; write to another file");
   FileStorage in(o.input, File::kReadOnly);
   if (!in.file().isOpen()) return fail("cannot open " + o.input);
+  // Frames are read one by one as they are written: large cache lines make that a few big reads.
+  if (TCache* cache = in.file().cache()) cache->resize(4, 1ul << 20);
   const uint64_t before = in.file().size();
   WebmDoc doc(kFileFormatMatroska);
   // Elements the tables do not know are written back as they were: optimising never loses data.
@@ -44,6 +46,7 @@ int runOptimize(const OptimizeOptions& o) {
   {
     FileStorage out(temp.path(), File::kReadWrite);
     if (!out.file().isOpen()) return fail("cannot open " + o.output + " for writing");
+    if (TCache* cache = out.file().cache()) cache->resize(4, 1ul << 20);
     ReceiptPtr r = doc.save(out);
     after = out.file().size();
     out.file().close();
