@@ -324,7 +324,9 @@ TEST_P(SavedDocument, LayoutReferencesAndCrc32InTheBytes) {
       if (seek.id != 0x4DBB) continue;
       const auto fields = rawChildren(bytes_, seek);
       ASSERT_TRUE(rawChild(fields, 0x53AB) && rawChild(fields, 0x53AC));
-      at(rawUInt(bytes_, *rawChild(fields, 0x53AC)), rawUInt(bytes_, *rawChild(fields, 0x53AB)));
+      const RawElt& pos = *rawChild(fields, 0x53AC);
+      at(rawUInt(bytes_, pos), rawUInt(bytes_, *rawChild(fields, 0x53AB)));
+      EXPECT_LT(pos.end - pos.payload, 8u);  // sized from the dry run, not left at the reset width
       ++entries;
     }
   EXPECT_EQ(entries, 8u);
@@ -334,7 +336,9 @@ TEST_P(SavedDocument, LayoutReferencesAndCrc32InTheBytes) {
     ASSERT_TRUE(rawChild(pk, 0xB3));
     for (const auto& pos : pk) {
       if (pos.id != 0xB7) continue;
-      const RawElt cluster = at(rawUInt(bytes_, *rawChild(rawChildren(bytes_, pos), 0xF1)), kCluster);
+      const RawElt ref = *rawChild(rawChildren(bytes_, pos), 0xF1);
+      EXPECT_LT(ref.end - ref.payload, 8u);
+      const RawElt cluster = at(rawUInt(bytes_, ref), kCluster);
       EXPECT_EQ(rawUInt(bytes_, *rawChild(rawChildren(bytes_, cluster), 0xE7)), rawUInt(bytes_, *rawChild(pk, 0xB3)));
       ++positions;
     }
