@@ -401,7 +401,7 @@ def tags_of(p):
 
 
 def check_tracks(sj, oj, kind, src_probe, out_probe, extra):
-    """Track languages, names and flags (the row's, or the source's), attachments, display aspect ratios."""
+    """Track languages, names and flags (the row's, or the source's), attachments, display aspect ratios, colour."""
     problems = []
     def props(t):
         p = t.get("properties", {})
@@ -422,9 +422,10 @@ def check_tracks(sj, oj, kind, src_probe, out_probe, extra):
     attached = lambda j: [(a["file_name"], a["content_type"], a["size"]) for a in j.get("attachments", [])]
     if kind == "mkv" and attached(oj) != attached(sj):
         problems.append(f"attachments {attached(oj)} for source {attached(sj)}")
-    dar = lambda p: sorted(s.get("display_aspect_ratio") for s in p.get("streams", []) if s["codec_type"] == "video")
-    if dar(out_probe) != dar(src_probe):
-        problems.append(f"display aspect ratio {dar(out_probe)} for source {dar(src_probe)}")
+    keys = ("display_aspect_ratio", "color_range", "color_space", "color_transfer", "color_primaries")
+    look = lambda p: sorted(tuple(s.get(k) for k in keys) for s in p.get("streams", []) if s["codec_type"] == "video")
+    if look(out_probe) != look(src_probe):
+        problems.append(f"display aspect ratio and colour {look(out_probe)} for source {look(src_probe)}")
     return problems
 
 
