@@ -67,8 +67,17 @@ void TCache::zeroUpTo(TLine* line, uint64_t position) {
 
 bool TCache::flush(TLine* line) {
   if (line == nullptr || !line->dirty || line->tail <= line->head || provider_ == nullptr) return true;
-  const bool ok = provider_->save(line->head, static_cast<unsigned long>(line->tail - line->head), line->data.data());
+  // Only what changed goes back: the rest of a line read from the file is already there.
+  const uint64_t from = std::min(std::max(line->dirtyFrom, line->head), line->tail);
+  const bool ok = from == line->tail ||
+                  provider_->save(from, static_cast<unsigned long>(line->tail - from), line->data.data() + (from - line->head));
   line->dirty = !ok;
+  return ok;
+}
+
+bool TCache::flushAll() {
+  bool ok = true;
+  for (TLine* line : lines_) ok = flush(line) && ok;
   return ok;
 }
 
@@ -87,9 +96,11 @@ unsigned long TCache::save(uint64_t position, unsigned long numBytes, const unsi
     const uint64_t lineEnd = std::min<uint64_t>(l + lineSize_, end);
     const uint64_t from = std::max<uint64_t>(l, position);
     const uint64_t count = lineEnd - from;
+    const uint64_t changed = std::min(from, line->tail);
     if (line->tail < from) zeroUpTo(line, from);
     if (line->tail < lineEnd) line->tail = lineEnd;
     if (count > 0) {
+      line->dirtyFrom = line->dirty ? std::min(line->dirtyFrom, changed) : changed;
       line->ready = line->dirty = true;
       std::memcpy(line->data.data() + (from - l), src, count);
       src += count;

@@ -30,6 +30,7 @@ class TCache {
     uint64_t age = 0;
     bool ready = false;
     bool dirty = false;
+    uint64_t dirtyFrom = 0;  // first byte changed since the line was last written back
   };
 
   TCache(ICacheDataProvider* provider, unsigned long numLines, unsigned long lineSize);
@@ -43,6 +44,8 @@ class TCache {
   void resize(unsigned long numLines, unsigned long lineSize);
   void clear();
   bool flush(TLine* line);
+  // Writes every dirty line and keeps the lines.
+  bool flushAll();
   TLine* lookup(uint64_t position);
 
   unsigned long lineSize() const { return lineSize_; }

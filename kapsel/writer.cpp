@@ -150,7 +150,7 @@ struct Pending {
   size_t size = 0;
   std::vector<uint8_t> copy;
   TFrameRelease release;
-  int64_t time = 0, decodeTime = 0, duration = -1;
+  int64_t time = 0, decodeTime = 0, duration = -1, discardPadding = 0;
   bool key = false;
 };
 
@@ -349,6 +349,7 @@ bool StreamWriter::Impl::queueFrame(const TWriterFrame& f, TFrameRelease& releas
   if (!options.lenient && p.decodeTime < t->lastDecode) return fail(TWriteResult::kTimeBackwards);
   t->lastDecode = p.decodeTime;
   p.key = f.key;
+  p.discardPadding = f.discardPadding;
   p.size = f.data ? f.size : 0;
   if (release) {
     p.data = f.data;
@@ -439,7 +440,8 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
     startNextCluster(f.time);
     relative = 0;
   }
-  const bool group = t.sparse() && f.duration >= 0;
+  const bool withDuration = t.sparse() && f.duration >= 0;
+  const bool group = withDuration || f.discardPadding != 0;
   if (!joinsBlock(t, f) || group) finishCurrentBlock();
   if (block.getNumberOfFrames() == 0) {
     for (size_t i = 0; i < tracks.size(); ++i)
@@ -458,12 +460,13 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
   ++report.frames;
   addCuePoint(t, f);
   if (group) {
-    // A subtitle keeps its duration in a BlockGroup: a SimpleBlock cannot carry one.
+    // A subtitle's duration and trimmed audio go in a BlockGroup: a SimpleBlock carries neither.
     Cluster::BlockGroupElt element;
     block.setKeyframe(false);
     block.setLacing(SimpleBlock::kNoLacing);
     block.exportData(element->block_->data(), frameStorage);
-    element->duration_->set(static_cast<uint64_t>(f.duration));
+    if (withDuration) element->duration_->set(static_cast<uint64_t>(f.duration));
+    if (f.discardPadding) element->discardPadding_->set(f.discardPadding);
     block = SimpleBlock();
     endOfFile();
     if (!element.save(*storage, 0)) fail(TWriteResult::kWriteFailed);
@@ -499,6 +502,9 @@ void StreamWriter::Impl::finishCurrentCluster() {
   finishCurrentBlock();
   endOfFile();
   overwriteOpenSize(cluster, *storage);
+  // A finished cluster goes to the file: a writer killed later loses at most the cluster it was writing.
+  if (TCache* cache = file().cache())
+    if (!cache->flushAll()) fail(TWriteResult::kWriteFailed);
 }
 
 void StreamWriter::Impl::startNextCluster(int64_t time) {

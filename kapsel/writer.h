@@ -86,6 +86,7 @@ struct TWriterFrame {
   int64_t decodeTime = INT64_MIN;    // INT64_MIN: the presentation time
   int64_t duration = -1;             // below 0: not given (the track's DefaultDuration is assumed)
   bool key = true;                   // a random-access point (video); see TIndexRule for audio
+  int64_t discardPadding = 0;        // ns of decoded audio to drop at the end; not 0: written in a BlockGroup
 };
 
 // Called once the writer no longer needs a frame's bytes.

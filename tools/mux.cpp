@@ -342,6 +342,13 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     else
       frame.decodeTime = std::max<int64_t>(frame.time, tr.lastDecode);
     frame.key = tr.spec.kind != Kapsel::TTrackKind::kVideo || (pkt->flags & AV_PKT_FLAG_KEY);
+    size_t skipBytes = 0;
+    // Samples the encoder padded at the end of the stream are dropped by readers through DiscardPadding.
+    if (const uint8_t* skip = av_packet_get_side_data(pkt.get(), AV_PKT_DATA_SKIP_SAMPLES, &skipBytes))
+      if (skipBytes >= 8 && tr.st->codecpar->sample_rate > 0) {
+        const uint32_t end = skip[4] | skip[5] << 8 | skip[6] << 16 | static_cast<uint32_t>(skip[7]) << 24;
+        frame.discardPadding = av_rescale(end, 1000000000, tr.st->codecpar->sample_rate);
+      }
     const char* problem = frame.time < 0 ? "is before the start of the output"
                           : frame.decodeTime < tr.lastDecode ? "goes back in time"
                                                               : nullptr;
