@@ -35,7 +35,7 @@ const char* audioCodecId(uint32_t codec) {
     case FourCC("LPCM"): return "A_PCM/INT/LIT";
     case FourCC("MP3 "): return "A_MPEG/L3";
     case FourCC("VRBS"): return "A_VORBIS";
-    case FourCC("OPUS"): return "A_OPUS";
+    case FourCC("Opus"): return "A_OPUS";
     case FourCC("FLAC"): return "A_FLAC";
     default: return nullptr;
   }
@@ -203,11 +203,11 @@ uint32_t CKVMatroskaFormatter::Release() {
 // Codes added after the first four video and five audio codes: from any maker, WebM's own ones in both formats.
 static bool takesCodecPrivate(uint32_t codec) {
   return codec == FourCC("H264") || codec == FourCC("MP4V") || codec == FourCC("HEVC") || codec == FourCC("AV01") ||
-         codec == FourCC("AAC ") || codec == FourCC("OPUS") || codec == FourCC("FLAC");
+         codec == FourCC("AAC ") || codec == FourCC("Opus") || codec == FourCC("FLAC");
 }
 
 bool CKVMatroskaFormatter::SupportsAudioCodec(uint32_t maker, uint32_t codec) const {
-  if (codec == FourCC("OPUS")) return true;
+  if (codec == FourCC("Opus")) return true;
   if (codec == FourCC("FLAC")) return doc_.fileFormat() != kFileFormatWebm;
   if (maker == kMakerKvi && codec == FourCC("VRBS")) return true;
   if (doc_.fileFormat() == kFileFormatWebm) return false;
@@ -393,7 +393,7 @@ void CKVMatroskaFormatter::buildHeader() {
       if ((takesCodecPrivate(audioCodec_) || audioCodec_ == FourCC("VRBS")) && !audioPrivate_.empty())
         t.codecPrivate_->set(audioPrivate_, frameStorage_);
       uint64_t delay = 0;
-      if (audioCodec_ == FourCC("OPUS")) {
+      if (audioCodec_ == FourCC("Opus")) {
         if (opusCodecDelay(audioPrivate_.data(), audioPrivate_.size(), delay) && delay) t.codecDelay_->set(delay);
         t.seekPreRoll_->set(kOpusSeekPreRollNs);
       }

@@ -17,7 +17,7 @@ TEST(NewCodecs, AcceptedWhereTheFormatHoldsThemAndWrittenWithTheirFields) {
   for (uint32_t c : {FourCC("VP90"), FourCC("AV01")}) EXPECT_TRUE(webm.SupportsVideoCodec(anyMaker, c));
   EXPECT_TRUE(mkv.SupportsVideoCodec(anyMaker, FourCC("HEVC")));
   EXPECT_FALSE(webm.SupportsVideoCodec(anyMaker, FourCC("HEVC")));
-  EXPECT_TRUE(webm.SupportsAudioCodec(anyMaker, FourCC("OPUS")));
+  EXPECT_TRUE(webm.SupportsAudioCodec(anyMaker, FourCC("Opus")));
   EXPECT_TRUE(mkv.SupportsAudioCodec(anyMaker, FourCC("FLAC")));
   EXPECT_FALSE(webm.SupportsAudioCodec(anyMaker, FourCC("FLAC")));
 
@@ -25,7 +25,7 @@ TEST(NewCodecs, AcceptedWhereTheFormatHoldsThemAndWrittenWithTheirFields) {
   std::streambuf* saved = std::cerr.rdbuf(nullptr);  // the summary lines
   const std::string path = dir.path("out.webm");
   RefVideoCompressor vc({anyMaker, FourCC("VP90"), 64, 48, 25.0, "VP9", {}, {}, {}});
-  RefAudioCompressor ac({anyMaker, FourCC("OPUS"), 48000, 16, "Stereo", "Opus"});
+  RefAudioCompressor ac({anyMaker, FourCC("Opus"), 48000, 16, "Stereo", "Opus"});
   // An OpusHead with a pre-skip of 312 samples: 6.5 ms of codec delay.
   const std::vector<uint8_t> head = {'O', 'p', 'u', 's', 'H', 'e', 'a', 'd', 1, 2, 0x38, 1, 0x80, 0xBB, 0, 0, 0, 0, 0};
   {
