@@ -70,6 +70,9 @@ Codec videoCodecFor(AVCodecID id) {
     case AV_CODEC_ID_VP8: return {FourCC("ON2!"), FourCC("VP8 "), "VP8"};
     case AV_CODEC_ID_H264: return {FourCC("KVI "), FourCC("H264"), "H.264"};
     case AV_CODEC_ID_MPEG4: return {FourCC("KVI "), FourCC("MP4V"), "MPEG-4 Part 2"};
+    case AV_CODEC_ID_VP9: return {FourCC("KVI "), FourCC("VP90"), "VP9"};
+    case AV_CODEC_ID_AV1: return {FourCC("KVI "), FourCC("AV01"), "AV1"};
+    case AV_CODEC_ID_HEVC: return {FourCC("KVI "), FourCC("HEVC"), "HEVC"};
     default: return {0, 0, avcodec_get_name(id)};
   }
 }
@@ -80,6 +83,8 @@ Codec audioCodecFor(AVCodecID id) {
     case AV_CODEC_ID_AAC: return {FourCC("KVI "), FourCC("AAC "), "AAC"};
     case AV_CODEC_ID_MP3: return {FourCC("KVI "), FourCC("MP3 "), "MP3"};
     case AV_CODEC_ID_AC3: return {FourCC("KVI "), FourCC("AC3 "), "AC-3"};
+    case AV_CODEC_ID_OPUS: return {FourCC("KVI "), FourCC("Opus"), "Opus"};
+    case AV_CODEC_ID_FLAC: return {FourCC("KVI "), FourCC("FLAC"), "FLAC"};
     case AV_CODEC_ID_PCM_S16LE:
     case AV_CODEC_ID_PCM_S24LE:
     case AV_CODEC_ID_PCM_S32LE:
@@ -188,8 +193,9 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
   } releaser{formatter};
 
   const std::string accepts =
-      webm ? "it accepts VP8 video and Vorbis audio"
-           : "it accepts VP8, H.264 and MPEG-4 Part 2 video and Vorbis, AAC, AC-3, MP3 and PCM audio";
+      webm ? "it accepts VP8, VP9 and AV1 video and Vorbis and Opus audio"
+           : "it accepts VP8, VP9, AV1, H.264, HEVC and MPEG-4 Part 2 video and Vorbis, Opus, FLAC, AAC, AC-3, MP3 and "
+             "PCM audio";
   RefVideoCompressor vc;
   RefAudioCompressor ac;
   if (video.st) {
@@ -197,8 +203,10 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
     video.codec = videoCodecFor(p->codec_id);
     if (!video.codec.code || !formatter->SupportsVideoCodec(video.codec.maker, video.codec.code))
       return fail("Kapsel cannot write " + upperName(video.codec.name) + " video into " + formatName + " yet; " + accepts);
-    if (p->codec_id == AV_CODEC_ID_H264 && (p->extradata_size < 7 || p->extradata[0] != 1))
-      return fail("H.264 without a decoder configuration record (Annex-B stream) is not supported; remux it into MP4 first");
+    if ((p->codec_id == AV_CODEC_ID_H264 || p->codec_id == AV_CODEC_ID_HEVC) &&
+        (p->extradata_size < 7 || p->extradata[0] != 1))
+      return fail(upperName(video.codec.name) + " without a decoder configuration record (Annex-B stream) goes through "
+                  "the plug-in only from MP4 or Matroska; without --plugin it is converted");
     if (p->extradata && p->extradata_size > 0) video.config.assign(p->extradata, p->extradata + p->extradata_size);
     vc.params.maker = video.codec.maker;
     vc.params.codec = video.codec.code;
@@ -221,6 +229,8 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
     if (!mode) return fail(std::to_string(p->ch_layout.nb_channels) + " audio channels are not supported (1, 2, 6, 7 or 8)");
     if (p->codec_id == AV_CODEC_ID_VORBIS && !vorbisHeaders(p->extradata, static_cast<size_t>(p->extradata_size), vorbis))
       return fail("the Vorbis stream has no usable header packets");
+    if ((p->codec_id == AV_CODEC_ID_OPUS || p->codec_id == AV_CODEC_ID_FLAC) && p->extradata && p->extradata_size > 0)
+      audio.config.assign(p->extradata, p->extradata + p->extradata_size);
     if (p->codec_id == AV_CODEC_ID_AAC) {
       if (p->extradata && p->extradata_size > 0) {
         audio.config.assign(p->extradata, p->extradata + p->extradata_size);
