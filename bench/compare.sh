@@ -49,22 +49,23 @@ median() { sort -g | awk '{a[NR]=$1} END {if (NR) print a[int((NR+1)/2)]; else p
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {if (b > 0) printf "%.2f", a / b; else print "-"}'; }
 
 # run NAME OUTPUT command...: one timed run after the previous output is gone and written back; appends
-# "seconds peak-KiB" to $work/NAME.txt.
+# "wall-seconds peak-KiB cpu-seconds" to $work/NAME.txt (CPU time is the steadier figure on a busy machine).
 run() {
   local name=$1 output=$2; shift 2
   rm -f "$output"; sync
   local start=$EPOCHREALTIME status=0
-  /usr/bin/time -f %M -o "$work/rss" "$@" >/dev/null 2>"$work/err" || status=$?
+  /usr/bin/time -f "%M %U %S" -o "$work/rss" "$@" >/dev/null 2>"$work/err" || status=$?
   local end=$EPOCHREALTIME
   # mkvmerge exits 1 for warnings; anything else is a failed run.
   if [ $status -ne 0 ] && ! { [ $status = 1 ] && [ "$1" = mkvmerge ]; }; then
     echo "$name failed ($status): $(head -c 300 "$work/err")" >&2; exit 1
   fi
-  echo "$(awk -v s="$start" -v e="$end" 'BEGIN {printf "%.4f", e - s}') $(tail -1 "$work/rss")" >> "$work/$name.txt"
+  echo "$(awk -v s="$start" -v e="$end" 'BEGIN {printf "%.4f", e - s}') $(tail -1 "$work/rss" | awk '{print $1, $2 + $3}')" \
+    >> "$work/$name.txt"
 }
 col() { cut -d' ' -f"$1" "$work/$2.txt" | median; }
 
-rows=()
+rows=() cpu_rows=()
 # job LABEL INPUT OUTPUT-EXTENSION KAPSEL-ARGS... : every tool on the input, in turn, ROUNDS times.
 job() {
   local label=$1 input=$2 ext=$3; shift 3
@@ -82,6 +83,9 @@ job() {
   rows+=("$(printf '%-34s %8.2f %8.2f %8.2f %8.2f %7s %7s %7s %9.1f' "$label ($(du -m "$input" | cut -f1) MB)" \
     "$k" "$m" "$f" "$c" "$(ratio "$k" "$m")" "$(ratio "$k" "$f")" "$(ratio "$k" "$c")" \
     "$(awk -v k="$(col 2 kapsel)" 'BEGIN {print k / 1024}')")")
+  k=$(col 3 kapsel); m=$(col 3 mkvmerge); f=$(col 3 ffmpeg); c=$(col 3 cp)
+  cpu_rows+=("$(printf '%-34s %8.2f %8.2f %8.2f %8.2f %7s %7s %7s' "$label" "$k" "$m" "$f" "$c" \
+    "$(ratio "$k" "$m")" "$(ratio "$k" "$f")" "$(ratio "$k" "$c")")")
 }
 
 job "mux mp4 -> mkv" "$work/long.mp4" mkv mux -q "$work/long.mp4" -o "$work/out/o.mkv"
@@ -117,6 +121,8 @@ echo
 echo "rounds: $rounds, alternating, medians; seconds of wall time; load after the jobs: $load_jobs"
 printf '%-34s %8s %8s %8s %8s %7s %7s %7s %9s\n' job kapsel mkvmerge ffmpeg cp k/mkvm k/ffm k/cp "peak MiB"
 printf '%s\n' "${rows[@]}"
+echo "the same runs, CPU seconds (user + system):"
+printf '%s\n' "${cpu_rows[@]}"
 
 echo
 echo "start-up, median of $startup_runs runs (fork and exec included):"
