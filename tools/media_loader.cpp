@@ -20,7 +20,7 @@ std::string findMediaModule(const std::string& programPath, std::string& looked)
   fs::path self = fs::canonical("/proc/self/exe", ec);
   if (ec) self = fs::absolute(programPath, ec);
   const fs::path dir = self.parent_path();
-  for (const fs::path& candidate : {dir / kModuleName, (dir / KAPSEL_MEDIA_DIR_FROM_BIN / kModuleName).lexically_normal()}) {
+  for (const fs::path& candidate : {dir / kModuleName, (dir / KAPSEL_MODULE_DIR_FROM_BIN / kModuleName).lexically_normal()}) {
     if (access(candidate.c_str(), R_OK) == 0) return candidate.string();
     looked += (looked.empty() ? "" : " or ") + candidate.string();
   }
