@@ -407,11 +407,12 @@ bool StreamWriter::Impl::joinsBlock(const TrackState& t, const Pending& f) const
   const bool legacy = options.indexRule == TIndexRule::kKeyFramesOnly;
   if (f.key && (legacy || !t.audio())) return false;
   // Readers space laced frames by the default duration: a frame off that step starts its own block.
-  if (t.video()) return f.time == blockLastTime + blockLastDuration;
+  if (t.video() && legacy) return f.time == blockLastTime + blockLastDuration;
   if (legacy) return true;
-  // Readers step through a lace by DefaultDuration in whole ticks: only an exact step keeps every time.
+  // Readers step through a lace by DefaultDuration in whole ticks: only an exact step keeps every time (without
+  // one, laced video frames have no time at all).
   const uint64_t step = t.spec.defaultDuration;
-  if (!t.audio() || step == 0 || step % options.timestampScale != 0) return false;
+  if (!(t.audio() || t.video()) || step == 0 || step % options.timestampScale != 0) return false;
   return f.time == blockStart + static_cast<int64_t>(inBlock * (step / options.timestampScale));
 }
 
