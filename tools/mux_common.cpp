@@ -87,9 +87,12 @@ bool openInputs(const std::vector<std::string>& paths, InputList& inputs, std::s
 }
 
 int64_t startShift(InputList& inputs, const std::vector<StreamRef>& chosen, const std::map<StreamRef, int64_t>& offsets) {
-  int64_t earliest = 0;  // ns
+  int64_t earliest = INT64_MAX;  // ns
+  // Transport and program streams (and Ogg) run on a clock that starts anywhere: their first packet starts at zero.
+  bool clock = !inputs.empty();
   for (size_t i = 0; i < inputs.size(); ++i) {
     Input& in = *inputs[i];
+    clock = clock && (in.fmt->iformat->flags & AVFMT_TS_DISCONT);
     // Per stream: INT64_MAX before its first packet, then the end of its look-ahead, INT64_MIN once past it.
     // Half a second past each stream's first packet covers reordering.
     std::map<int, int64_t> until;
@@ -118,7 +121,8 @@ int64_t startShift(InputList& inputs, const std::vector<StreamRef>& chosen, cons
         u->second = INT64_MIN;
     }
   }
-  return -earliest;
+  if (earliest == INT64_MAX) return 0;
+  return clock ? -earliest : -std::min<int64_t>(earliest, 0);
 }
 
 void reportLeftOut(const InputList& inputs, const std::vector<StreamRef>& chosen,

@@ -41,7 +41,8 @@ void setUpLibav();
 // Opens every input and reads its stream information; error is one line for fail().
 bool openInputs(const std::vector<std::string>& paths, InputList& inputs, std::string& error);
 
-// Nanoseconds to add to every time so that none of the chosen streams starts before zero (0 when none does), with
+// Nanoseconds to add to every time so that none of the chosen streams starts before zero (0 when none does; inputs
+// that all run on a clock, MPEG-TS/PS or Ogg, start at zero), with
 // `offsets` (ns) added to some streams' times first. The packets read to find out stay in the inputs' look-ahead.
 int64_t startShift(InputList& inputs, const std::vector<StreamRef>& chosen,
                    const std::map<StreamRef, int64_t>& offsets = {});
