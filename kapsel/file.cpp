@@ -228,6 +228,9 @@ bool SharedFile::write(const unsigned char* src, unsigned long numBytes) {
 
 bool SharedFile::setSize(uint64_t newSize) {
   if (file_ == nullptr) return false;
+  // Truncating a file that already has this size changes nothing, and on some file systems a file truncated to
+  // nothing is forced to disk when it is closed.
+  if (newSize == size_) return true;
   std::fflush(file_);
   if (ftruncate(fileno(file_), static_cast<off_t>(newSize)) != 0) return false;
   if (newSize < position_) position_ = newSize;
