@@ -1,7 +1,9 @@
 #include "kapsel/ebml.h"
 
 #include <unistd.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -271,55 +273,25 @@ uint64_t createUID() {
   return uintDecode(b, 8) >> 7;
 }
 
-namespace {
-
-// CRC-32 of ISO 3309 / RFC 8794 (reflected polynomial 0xEDB88320), eight bytes a step ("slicing by 8").
-struct CrcTables {
-  uint32_t t[8][256];
-  CrcTables() {
-    for (uint32_t i = 0; i < 256; ++i) {
-      uint32_t c = i;
-      for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
-      t[0][i] = c;
-    }
-    for (uint32_t i = 0; i < 256; ++i)
-      for (int k = 1; k < 8; ++k) t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xFF];
-  }
-};
-
-const CrcTables& crcTables() {
-  static const CrcTables tables;  // built once, thread-safely
-  return tables;
-}
-
-uint32_t littleEndian32(const unsigned char* p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-         static_cast<uint32_t>(p[3]) << 24;
-}
-
-}  // namespace
-
 struct Crc32::Engine {
-  uint32_t state = 0xFFFFFFFFu;
+  uLong state = crc32(0L, Z_NULL, 0);
 };
 
 Crc32::Crc32() : engine_(new Engine) {}
 Crc32::~Crc32() { delete engine_; }
 
 void Crc32::compute(const void* data, uint64_t numBytes) {
-  const auto& t = crcTables().t;
-  const auto* p = static_cast<const unsigned char*>(data);
-  uint32_t c = engine_->state;
-  for (; numBytes >= 8; numBytes -= 8, p += 8) {
-    const uint32_t a = littleEndian32(p) ^ c, b = littleEndian32(p + 4);
-    c = t[7][a & 0xFF] ^ t[6][(a >> 8) & 0xFF] ^ t[5][(a >> 16) & 0xFF] ^ t[4][a >> 24] ^ t[3][b & 0xFF] ^
-        t[2][(b >> 8) & 0xFF] ^ t[1][(b >> 16) & 0xFF] ^ t[0][b >> 24];
+  const auto* p = static_cast<const Bytef*>(data);
+  // zlib takes lengths that fit an unsigned int.
+  for (const uint64_t step = 1u << 30; numBytes > 0;) {
+    const uint64_t n = std::min(numBytes, step);
+    engine_->state = crc32(engine_->state, p, static_cast<uInt>(n));
+    p += n;
+    numBytes -= n;
   }
-  for (; numBytes > 0; --numBytes) c = t[0][(c ^ *p++) & 0xFF] ^ (c >> 8);
-  engine_->state = c;
 }
 
-uint32_t Crc32::checksum() const { return engine_->state ^ 0xFFFFFFFFu; }
+uint32_t Crc32::checksum() const { return static_cast<uint32_t>(engine_->state); }
 
 std::ostream& operator<<(std::ostream& os, const indent& in) {
   static const char eight[] = "        ";
