@@ -358,11 +358,11 @@ void CKVMatroskaFormatter::buildHeader() {
     if (MetaData()[i].GetName().str() == "Title") info.title_->set(MetaData()[i].GetValue().str());
 
   if (videoExpected()) {
-    TTrackSpec spec;
-    spec.kind = TTrackKind::kVideo;
-    spec.number = 1;
-    spec.codecId = videoCodecId_;
-    if (writer_->addTrack(spec) == TWriteResult::kOk) {
+    TTrackSpec desc;
+    desc.kind = TTrackKind::kVideo;
+    desc.number = 1;
+    desc.codecId = videoCodecId_;
+    if (writer_->addTrack(desc) == TWriteResult::kOk) {
       Track& t = *writer_->trackElement(1);
       t.defaultDuration_->set(static_cast<uint64_t>(1.0 / frameRate_ * 1e9));
       t.trackTimecodeScale_->set(1.0);
@@ -374,11 +374,11 @@ void CKVMatroskaFormatter::buildHeader() {
     }
   }
   if (audioExpected()) {
-    TTrackSpec spec;
-    spec.kind = TTrackKind::kAudio;
-    spec.number = 2;
-    spec.codecId = audioCodecId_;
-    if (writer_->addTrack(spec) == TWriteResult::kOk) {
+    TTrackSpec desc;
+    desc.kind = TTrackKind::kAudio;
+    desc.number = 2;
+    desc.codecId = audioCodecId_;
+    if (writer_->addTrack(desc) == TWriteResult::kOk) {
       Track& t = *writer_->trackElement(2);
       t.trackTimecodeScale_->set(1.0);
       t.flagLacing_->set(isWebM_ ? 0 : 1);

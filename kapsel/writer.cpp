@@ -155,16 +155,16 @@ struct Pending {
 };
 
 struct TrackState {
-  TTrackSpec spec;
+  TTrackSpec desc;
   uint64_t number = 0;
   Track* element = nullptr;
   std::deque<Pending> queue;
   bool ended = false;
   bool cueNeeded = true;
   int64_t lastDecode = INT64_MIN;
-  bool video() const { return spec.kind == TTrackKind::kVideo; }
-  bool audio() const { return spec.kind == TTrackKind::kAudio; }
-  bool sparse() const { return spec.kind == TTrackKind::kSubtitle; }
+  bool video() const { return desc.kind == TTrackKind::kVideo; }
+  bool audio() const { return desc.kind == TTrackKind::kAudio; }
+  bool sparse() const { return desc.kind == TTrackKind::kSubtitle; }
 };
 
 }  // namespace
@@ -279,7 +279,7 @@ void StreamWriter::Impl::buildHeader() {
     createUID(uid, 16);
     info.segmentUid_->set(uid);
   }
-  for (TrackState& t : tracks) t.element->trackUid_->set(t.spec.uid ? t.spec.uid : createUID());
+  for (TrackState& t : tracks) t.element->trackUid_->set(t.desc.uid ? t.desc.uid : createUID());
   buildChapters();
   buildTags();
   for (const TAttachmentSpec& a : attachmentSpecs) {
@@ -314,20 +314,20 @@ void StreamWriter::Impl::buildChapters() {
 
 void StreamWriter::Impl::buildTags() {
   Tag* global = nullptr;
-  for (const TTagSpec& spec : tagSpecs) {
+  for (const TTagSpec& desc : tagSpecs) {
     Tag* tag = nullptr;
-    if (spec.track == 0) {
+    if (desc.track == 0) {
       if (!global) global = &*tags->tags_.add();
       tag = global;
-    } else if (TrackState* t = byNumber(spec.track)) {
+    } else if (TrackState* t = byNumber(desc.track)) {
       tag = &*tags->tags_.add();
       tag->targets_->trackUids_.add()->set(t->element->trackUid_->get());
     } else {
       continue;
     }
     SimpleTag& st = *tag->simpleTags_.add();
-    st.name_->set(spec.name);
-    st.string_->set(spec.value);
+    st.name_->set(desc.name);
+    st.string_->set(desc.value);
   }
 }
 
@@ -402,7 +402,7 @@ void StreamWriter::Impl::muxAll(bool flush) {
 bool StreamWriter::Impl::joinsBlock(const TrackState& t, const Pending& f) const {
   const unsigned long inBlock = block.getNumberOfFrames();
   if (inBlock == 0) return true;
-  if (inBlock >= kMaxLacedFrames || webm() || &tracks[blockTrack] != &t || t.sparse() || t.spec.flagLacing == 0)
+  if (inBlock >= kMaxLacedFrames || webm() || &tracks[blockTrack] != &t || t.sparse() || t.desc.flagLacing == 0)
     return false;
   const bool legacy = options.indexRule == TIndexRule::kKeyFramesOnly;
   if (f.key && (legacy || !t.audio())) return false;
@@ -411,7 +411,7 @@ bool StreamWriter::Impl::joinsBlock(const TrackState& t, const Pending& f) const
   if (legacy) return true;
   // Readers step through a lace by DefaultDuration in whole ticks: only an exact step keeps every time (without
   // one, laced video frames have no time at all).
-  const uint64_t step = t.spec.defaultDuration;
+  const uint64_t step = t.desc.defaultDuration;
   if (!(t.audio() || t.video()) || step == 0 || step % options.timestampScale != 0) return false;
   return f.time == blockStart + static_cast<int64_t>(inBlock * (step / options.timestampScale));
 }
@@ -423,8 +423,8 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
     return;
   }
   const int64_t duration = f.duration >= 0 ? f.duration
-                           : t.spec.defaultDuration
-                               ? static_cast<int64_t>(t.spec.defaultDuration / options.timestampScale)
+                           : t.desc.defaultDuration
+                               ? static_cast<int64_t>(t.desc.defaultDuration / options.timestampScale)
                                : 0;
   int64_t relative = f.time - static_cast<int64_t>(cluster->timecode_->get());
   earliestTime = std::min(earliestTime, f.time);
@@ -481,7 +481,7 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
 
 void StreamWriter::Impl::finishCurrentBlock() {
   if (block.getNumberOfFrames() == 0) return;
-  if (webm() || tracks[blockTrack].spec.flagLacing == 0)
+  if (webm() || tracks[blockTrack].desc.flagLacing == 0)
     block.setLacing(SimpleBlock::kNoLacing);
   else
     block.setAutoLacing();
@@ -758,45 +758,45 @@ TWriteResult StreamWriter::open(FileStorage& storage, const TWriterOptions& opti
   return TWriteResult::kOk;
 }
 
-TWriteResult StreamWriter::addTrack(const TTrackSpec& spec, uint64_t* number) {
+TWriteResult StreamWriter::addTrack(const TTrackSpec& desc, uint64_t* number) {
   Impl& m = *impl_;
   if (m.status != TWriteResult::kOk) return m.status;
   if (m.finished) return TWriteResult::kAfterFinish;
   if (m.headerWritten) return TWriteResult::kTracksClosed;
-  if (spec.codecId.empty() || (spec.number && m.byNumber(spec.number)) ||
-      (spec.kind != TTrackKind::kVideo && spec.kind != TTrackKind::kAudio && spec.kind != TTrackKind::kSubtitle))
+  if (desc.codecId.empty() || (desc.number && m.byNumber(desc.number)) ||
+      (desc.kind != TTrackKind::kVideo && desc.kind != TTrackKind::kAudio && desc.kind != TTrackKind::kSubtitle))
     return TWriteResult::kBadTrack;
-  if (m.webm() && !m.options.lenient && !isWebmCodec(spec.codecId)) return TWriteResult::kNotInWebm;
-  uint64_t n = spec.number;
+  if (m.webm() && !m.options.lenient && !isWebmCodec(desc.codecId)) return TWriteResult::kNotInWebm;
+  uint64_t n = desc.number;
   if (n == 0)
     for (n = 1; m.byNumber(n); ++n) {
     }
   TrackState& t = m.tracks.emplace_back();
-  t.spec = spec;
+  t.desc = desc;
   t.number = n;
   Track& e = *m.segment().tracks_->tracks_.add();
   t.element = &e;
   e.trackNumber_->set(n);
-  e.trackType_->set(static_cast<uint64_t>(spec.kind));
-  if (spec.flagDefault >= 0) e.flagDefault_->set(static_cast<uint64_t>(spec.flagDefault));
-  if (spec.flagForced >= 0) e.flagForced_->set(static_cast<uint64_t>(spec.flagForced));
-  if (spec.flagLacing >= 0) e.flagLacing_->set(static_cast<uint64_t>(spec.flagLacing));
-  if (spec.defaultDuration) e.defaultDuration_->set(spec.defaultDuration);
-  if (!spec.name.empty()) e.name_->set(spec.name);
-  if (!spec.language.empty()) e.language_->set(spec.language);
-  if (!spec.languageIetf.empty() && !m.webm()) e.languageBcp47_->set(spec.languageIetf);
-  e.codecId_->set(spec.codecId);
-  if (!spec.codecPrivate.empty()) e.codecPrivate_->set(spec.codecPrivate, m.frameStorage);
-  if (!spec.codecName.empty()) e.codecName_->set(spec.codecName);
-  if (spec.codecDelay) e.codecDelay_->set(spec.codecDelay);
-  if (spec.seekPreRoll) e.seekPreRoll_->set(spec.seekPreRoll);
-  if (spec.kind == TTrackKind::kVideo) {
+  e.trackType_->set(static_cast<uint64_t>(desc.kind));
+  if (desc.flagDefault >= 0) e.flagDefault_->set(static_cast<uint64_t>(desc.flagDefault));
+  if (desc.flagForced >= 0) e.flagForced_->set(static_cast<uint64_t>(desc.flagForced));
+  if (desc.flagLacing >= 0) e.flagLacing_->set(static_cast<uint64_t>(desc.flagLacing));
+  if (desc.defaultDuration) e.defaultDuration_->set(desc.defaultDuration);
+  if (!desc.name.empty()) e.name_->set(desc.name);
+  if (!desc.language.empty()) e.language_->set(desc.language);
+  if (!desc.languageIetf.empty() && !m.webm()) e.languageBcp47_->set(desc.languageIetf);
+  e.codecId_->set(desc.codecId);
+  if (!desc.codecPrivate.empty()) e.codecPrivate_->set(desc.codecPrivate, m.frameStorage);
+  if (!desc.codecName.empty()) e.codecName_->set(desc.codecName);
+  if (desc.codecDelay) e.codecDelay_->set(desc.codecDelay);
+  if (desc.seekPreRoll) e.seekPreRoll_->set(desc.seekPreRoll);
+  if (desc.kind == TTrackKind::kVideo) {
     Video& v = *e.video_;
-    if (spec.pixelWidth) v.pixelWidth_->set(spec.pixelWidth);
-    if (spec.pixelHeight) v.pixelHeight_->set(spec.pixelHeight);
-    if (spec.displayWidth) v.displayWidth_->set(spec.displayWidth);
-    if (spec.displayHeight) v.displayHeight_->set(spec.displayHeight);
-    const TColourSpec& c = spec.colour;
+    if (desc.pixelWidth) v.pixelWidth_->set(desc.pixelWidth);
+    if (desc.pixelHeight) v.pixelHeight_->set(desc.pixelHeight);
+    if (desc.displayWidth) v.displayWidth_->set(desc.displayWidth);
+    if (desc.displayHeight) v.displayHeight_->set(desc.displayHeight);
+    const TColourSpec& c = desc.colour;
     Colour& col = *v.colour_;
     auto put = [](auto& elt, int value) {
       if (value >= 0) elt->set(static_cast<uint64_t>(value));
@@ -812,12 +812,12 @@ TWriteResult StreamWriter::addTrack(const TTrackSpec& spec, uint64_t* number) {
     put(col.primaries_, c.primaries);
     put(col.maxCll_, c.maxCll);
     put(col.maxFall_, c.maxFall);
-  } else if (spec.kind == TTrackKind::kAudio) {
+  } else if (desc.kind == TTrackKind::kAudio) {
     Audio& a = *e.audio_;
-    if (spec.samplingFrequency > 0) a.samplingFrequency_->set(spec.samplingFrequency);
-    if (spec.outputSamplingFrequency > 0) a.outputSamplingFrequency_->set(spec.outputSamplingFrequency);
-    if (spec.channels) a.channels_->set(spec.channels);
-    if (spec.bitDepth) a.bitDepth_->set(spec.bitDepth);
+    if (desc.samplingFrequency > 0) a.samplingFrequency_->set(desc.samplingFrequency);
+    if (desc.outputSamplingFrequency > 0) a.outputSamplingFrequency_->set(desc.outputSamplingFrequency);
+    if (desc.channels) a.channels_->set(desc.channels);
+    if (desc.bitDepth) a.bitDepth_->set(desc.bitDepth);
   }
   if (number) *number = n;
   return TWriteResult::kOk;

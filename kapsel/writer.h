@@ -157,7 +157,7 @@ class StreamWriter {
   [[nodiscard]] TWriteResult open(FileStorage& storage, const TWriterOptions& options = {});
 
   // Declarations, all before the first frame is muxed. addTrack stores the track's number in *number.
-  [[nodiscard]] TWriteResult addTrack(const TTrackSpec& spec, uint64_t* number = nullptr);
+  [[nodiscard]] TWriteResult addTrack(const TTrackSpec& desc, uint64_t* number = nullptr);
   void addChapter(const TChapterSpec& chapter);
   void addAttachment(const TAttachmentSpec& attachment);
   void addTag(const TTagSpec& tag);

@@ -91,15 +91,15 @@ void defaultFlags(std::vector<std::unique_ptr<OutTrack>>& tracks, const InputLis
   for (Kapsel::TTrackKind kind : {Kapsel::TTrackKind::kVideo, Kapsel::TTrackKind::kAudio, Kapsel::TTrackKind::kSubtitle}) {
     bool any = false;
     for (auto& t : tracks) {
-      if (t->spec.kind != kind || !keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
+      if (t->desc.kind != kind || !keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
       const bool on = (t->st->disposition & AV_DISPOSITION_DEFAULT) != 0;
-      t->spec.flagDefault = on ? 1 : 0;
+      t->desc.flagDefault = on ? 1 : 0;
       any |= on;
     }
     for (auto& t : tracks) {
-      if (t->spec.kind != kind || keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
+      if (t->desc.kind != kind || keepsFlags[static_cast<size_t>(t->ref.first)]) continue;
       const bool on = !any && kind != Kapsel::TTrackKind::kSubtitle;
-      t->spec.flagDefault = on ? 1 : 0;
+      t->desc.flagDefault = on ? 1 : 0;
       any |= on;
     }
   }
@@ -112,20 +112,20 @@ std::vector<Kapsel::TChapterSpec> chapterList(const MuxOptions& o, const InputLi
     for (unsigned i = 0; i < in->fmt->nb_chapters; ++i) {
       const AVChapter* c = in->fmt->chapters[i];
       const AVDictionaryEntry* t = av_dict_get(c->metadata, "title", nullptr, 0);
-      Kapsel::TChapterSpec spec;
-      spec.start = std::max<int64_t>(av_rescale_q(c->start, c->time_base, kNanoseconds), 0);
+      Kapsel::TChapterSpec desc;
+      desc.start = std::max<int64_t>(av_rescale_q(c->start, c->time_base, kNanoseconds), 0);
       const int64_t end = c->end == AV_NOPTS_VALUE ? -1 : av_rescale_q(c->end, c->time_base, kNanoseconds);
-      spec.end = end > spec.start ? end : -1;
-      spec.title = t ? t->value : "Chapter " + std::to_string(i + 1);
-      list.push_back(spec);
+      desc.end = end > desc.start ? end : -1;
+      desc.title = t ? t->value : "Chapter " + std::to_string(i + 1);
+      list.push_back(desc);
     }
     if (!list.empty()) break;
   }
   for (const auto& c : o.chapters) {
-    Kapsel::TChapterSpec spec;
-    spec.start = static_cast<int64_t>(std::llround(c.first * 1e9));
-    spec.title = c.second;
-    list.push_back(spec);
+    Kapsel::TChapterSpec desc;
+    desc.start = static_cast<int64_t>(std::llround(c.first * 1e9));
+    desc.title = c.second;
+    list.push_back(desc);
   }
   std::stable_sort(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.start < b.start; });
   return list;
@@ -211,15 +211,15 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   OutTrack* t = nullptr;
   for (const auto& [n, v] : o.languages) {
     if (!trackFor("--language", n, t)) return usageError(error);
-    t->spec.language = v;
+    t->desc.language = v;
   }
   for (const auto& [n, v] : o.trackNames) {
     if (!trackFor("--track-name", n, t)) return usageError(error);
-    t->spec.name = v;
+    t->desc.name = v;
   }
   for (const auto& [n, v] : o.defaultTracks) {
     if (!trackFor("--default-track", n, t)) return usageError(error);
-    t->spec.flagDefault = v ? 1 : 0;
+    t->desc.flagDefault = v ? 1 : 0;
   }
 
   std::vector<StreamRef> trackRefs;
@@ -227,7 +227,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   std::map<StreamRef, int64_t> delays;
   for (auto& tr : tracks) {
     trackRefs.push_back(tr->ref);
-    if (tr->spec.codecDelay) delays[tr->ref] = static_cast<int64_t>(tr->spec.codecDelay);
+    if (tr->desc.codecDelay) delays[tr->ref] = static_cast<int64_t>(tr->desc.codecDelay);
   }
   // Times are shifted alike so that none is negative; the packets read to find out are muxed later.
   const int64_t shiftNs = startShift(inputs, trackRefs, delays);
@@ -237,7 +237,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     for (const AVPacket* p : inputs[static_cast<size_t>(tr->ref.first)]->ahead) {
       if (!tr->mapping.needsFirstPacket) break;
       if (p->stream_index == tr->ref.second && tr->mapping.takeFirstPacket(p->data, static_cast<size_t>(p->size)))
-        tr->spec.codecPrivate = tr->mapping.codecPrivate;
+        tr->desc.codecPrivate = tr->mapping.codecPrivate;
     }
     if (tr->mapping.needsFirstPacket)
       return fail(streamName(tr->ref) + ": " +
@@ -271,9 +271,9 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   if (o.keyframeInterval) {
     // A cluster starts at each key frame of the video.
     for (auto& tr : tracks)
-      if (tr->spec.kind == Kapsel::TTrackKind::kVideo && tr->spec.defaultDuration) {
+      if (tr->desc.kind == Kapsel::TTrackKind::kVideo && tr->desc.defaultDuration) {
         options.expectedClusters =
-            static_cast<uint64_t>(options.durationHint / int64_t(tr->spec.defaultDuration) / o.keyframeInterval) + 1;
+            static_cast<uint64_t>(options.durationHint / int64_t(tr->desc.defaultDuration) / o.keyframeInterval) + 1;
         break;
       }
   }
@@ -284,7 +284,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   std::vector<std::vector<OutTrack*>> byStream(inputs.size());
   for (size_t i = 0; i < inputs.size(); ++i) byStream[i].assign(inputs[i]->fmt->nb_streams, nullptr);
   for (auto& tr : tracks) {
-    const Kapsel::TWriteResult r = writer.addTrack(tr->spec, &tr->number);
+    const Kapsel::TWriteResult r = writer.addTrack(tr->desc, &tr->number);
     if (r != Kapsel::TWriteResult::kOk) return fail(streamName(tr->ref) + ": " + Kapsel::describe(r));
     byStream[static_cast<size_t>(tr->ref.first)][static_cast<size_t>(tr->ref.second)] = tr.get();
   }
@@ -306,19 +306,19 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     // The writer keeps the packet's bytes until it has written them; the packet is freed then.
     std::shared_ptr<AVPacket> pkt(raw, [](AVPacket* p) { av_packet_free(&p); });
     const AVRational tb = tr.st->time_base;
-    const int64_t offset = shiftNs + static_cast<int64_t>(tr.spec.codecDelay);
+    const int64_t offset = shiftNs + static_cast<int64_t>(tr.desc.codecDelay);
     const int64_t given = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
     Kapsel::TWriterFrame frame;
     frame.track = tr.number;
     frame.duration = pkt->duration > 0 ? av_rescale_q(pkt->duration, tb, kNanoseconds) : -1;
     // A packet without times (a raw stream, whose frames are not reordered) follows the one before it.
     const int64_t source = given != AV_NOPTS_VALUE ? av_rescale_q(given, tb, kNanoseconds) : tr.nextTime;
-    tr.nextTime = source + (frame.duration > 0 ? frame.duration : static_cast<int64_t>(tr.spec.defaultDuration));
+    tr.nextTime = source + (frame.duration > 0 ? frame.duration : static_cast<int64_t>(tr.desc.defaultDuration));
     if (!tr.mapping.convert(pkt->data, static_cast<size_t>(pkt->size), tr.buffer, &frame.data, &frame.size)) {
       if (++tr.dropped <= 3) note(streamName(tr.ref) + ": the packet at " + seconds(source) + " cannot be converted; dropped");
       return;
     }
-    if (tr.spec.codecId.rfind("D_WEBVTT", 0) == 0) {
+    if (tr.desc.codecId.rfind("D_WEBVTT", 0) == 0) {
       // A WebM WebVTT block is the cue's identifier line, its settings line and then its text.
       std::vector<uint8_t> block;
       for (AVPacketSideDataType type : {AV_PKT_DATA_WEBVTT_IDENTIFIER, AV_PKT_DATA_WEBVTT_SETTINGS}) {
@@ -337,11 +337,11 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     // frame without one (Matroska input, before the demuxer has worked it out) decodes with the frame before it.
     if (pkt->dts != AV_NOPTS_VALUE)
       frame.decodeTime = std::max<int64_t>(av_rescale_q(pkt->dts, tb, kNanoseconds) + offset, 0);
-    else if (tr.spec.kind == Kapsel::TTrackKind::kVideo && given != AV_NOPTS_VALUE && tr.lastDecode != INT64_MIN)
+    else if (tr.desc.kind == Kapsel::TTrackKind::kVideo && given != AV_NOPTS_VALUE && tr.lastDecode != INT64_MIN)
       frame.decodeTime = tr.lastDecode;
     else
       frame.decodeTime = std::max<int64_t>(frame.time, tr.lastDecode);
-    frame.key = tr.spec.kind != Kapsel::TTrackKind::kVideo || (pkt->flags & AV_PKT_FLAG_KEY);
+    frame.key = tr.desc.kind != Kapsel::TTrackKind::kVideo || (pkt->flags & AV_PKT_FLAG_KEY);
     size_t skipBytes = 0;
     // Samples the encoder padded at the end of the stream are dropped by readers through DiscardPadding.
     if (const uint8_t* skip = av_packet_get_side_data(pkt.get(), AV_PKT_DATA_SKIP_SAMPLES, &skipBytes))
@@ -445,8 +445,8 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   summary << "kapsel: wrote " << o.output << " (" << formatName << ", " << humanBytes(double(report.fileSize)) << "): ";
   for (size_t i = 0; i < tracks.size(); ++i) {
     const OutTrack& tr = *tracks[i];
-    summary << (i ? "; " : "") << kindName(tr.spec.kind) << " " << tr.codecName << " " << tr.frames
-            << (tr.spec.kind == Kapsel::TTrackKind::kVideo ? " frame" : " packet") << (tr.frames == 1 ? ", " : "s, ")
+    summary << (i ? "; " : "") << kindName(tr.desc.kind) << " " << tr.codecName << " " << tr.frames
+            << (tr.desc.kind == Kapsel::TTrackKind::kVideo ? " frame" : " packet") << (tr.frames == 1 ? ", " : "s, ")
             << humanBytes(double(tr.bytes));
   }
   if (!attachments.empty())

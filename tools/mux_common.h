@@ -74,7 +74,7 @@ constexpr AVRational kNanoseconds{1, 1000000000};
 struct OutTrack {
   StreamRef ref;
   AVStream* st = nullptr;
-  Kapsel::TTrackSpec spec;
+  Kapsel::TTrackSpec desc;
   std::string codecName;  // readable, for messages
   uint64_t number = 0;    // in the output
   StreamMapping mapping;  // also converts the packets when the output carries them otherwise

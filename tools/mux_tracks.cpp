@@ -28,7 +28,7 @@ Mapping mapCodec(const AVStream* st, bool webm, OutTrack& t, std::string& messag
       return Mapping::kNotInWebm;
     }
   }
-  Kapsel::TTrackSpec& s = t.spec;
+  Kapsel::TTrackSpec& s = t.desc;
   s.codecId = t.mapping.codecId;
   s.codecName = t.mapping.codecName;
   s.codecPrivate = t.mapping.codecPrivate;
@@ -108,7 +108,7 @@ Mapping describeStream(AVFormatContext* fmt, int index, bool webm, OutTrack& t, 
   AVStream* st = fmt->streams[index];
   const AVCodecParameters* p = st->codecpar;
   t.st = st;
-  Kapsel::TTrackSpec& s = t.spec;
+  Kapsel::TTrackSpec& s = t.desc;
   switch (p->codec_type) {
     case AVMEDIA_TYPE_VIDEO: s.kind = Kapsel::TTrackKind::kVideo; break;
     case AVMEDIA_TYPE_AUDIO: s.kind = Kapsel::TTrackKind::kAudio; break;
