@@ -24,17 +24,6 @@ namespace {
 
 using namespace inplace;
 
-const char* nameOf(uint64_t id) {
-  switch (id) {
-    case kIdInfo: return "Info";
-    case kIdTracks: return "Tracks";
-    case kIdTags: return "Tags";
-    case kIdChapters: return "Chapters";
-    case kIdSeekHead: return "SeekHead";
-    default: return "element";
-  }
-}
-
 struct SeekHeadMap : SeekHeadContent {
   size_t element = 0;  // index in the element list
   bool changed = false;
@@ -522,19 +511,19 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
       ReceiptPtr r = c.element->save(counter);
       c.newSize = r ? r->numBytes() : 0;
       if (c.newSize == 0) {
-        error = std::string("the new ") + nameOf(c.id) + " element would be empty";
+        error = std::string("the new ") + topLevelName(c.id) + " element would be empty";
         return false;
       }
     }
     if (old) {
       const uint64_t room = old->size + old->voidAfter;
       if (!c.element) {
-        s.actions.push_back(std::string(nameOf(c.id)) + " at " + std::to_string(old->position) + ": removed (" +
+        s.actions.push_back(std::string(topLevelName(c.id)) + " at " + std::to_string(old->position) + ": removed (" +
                             std::to_string(room) + " bytes become a Void)");
       } else if (c.newSize == room || (c.newSize < room && room - c.newSize >= 2)) {
         c.target = old->position;
         c.room = room;
-        s.actions.push_back(std::string(nameOf(c.id)) + " at " + std::to_string(old->position) + ": rewritten in place (" +
+        s.actions.push_back(std::string(topLevelName(c.id)) + " at " + std::to_string(old->position) + ": rewritten in place (" +
                             std::to_string(old->size) + " -> " + std::to_string(c.newSize) + " bytes, Void after: " +
                             std::to_string(room - c.newSize) + ")");
         continue;
@@ -543,22 +532,22 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
     // Readers want Info and Tracks before the first cluster; WebM readers want Tracks right after Info.
     const bool header = c.id == kIdInfo || c.id == kIdTracks;
     if (header && c.element && s.webm) {
-      error = std::string("the new ") + nameOf(c.id) + " does not fit in its place, and in WebM it cannot move";
+      error = std::string("the new ") + topLevelName(c.id) + " does not fit in its place, and in WebM it cannot move";
       return false;
     }
     if (c.element && (elementsIntoVoids || header) && allocate(c.newSize, c.target)) {
       c.moved = true;
       c.room = c.newSize;
-      s.actions.push_back(std::string(nameOf(c.id)) + (old ? " moved" : " added") + " into the Void at " +
+      s.actions.push_back(std::string(topLevelName(c.id)) + (old ? " moved" : " added") + " into the Void at " +
                           std::to_string(c.target) + " (" + std::to_string(c.newSize) + " bytes)" +
                           (old ? "; its old place becomes a Void" : ""));
     } else if (c.element) {
       if (header) {
-        error = std::string("the new ") + nameOf(c.id) + " fits neither in its place nor in a Void before the clusters";
+        error = std::string("the new ") + topLevelName(c.id) + " fits neither in its place nor in a Void before the clusters";
         return false;
       }
       if (!s.segmentLast || s.segmentUnknown) {
-        error = std::string("the new ") + nameOf(c.id) + " does not fit in place and cannot be appended: " +
+        error = std::string("the new ") + topLevelName(c.id) + " does not fit in place and cannot be appended: " +
                 (s.segmentUnknown ? "the Segment's size is unknown" : "the Segment is not the last thing in the file");
         return false;
       }
@@ -567,7 +556,7 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
       c.room = c.newSize;
       appendAt += c.newSize;
       s.appended += c.newSize;
-      s.actions.push_back(std::string(nameOf(c.id)) + (old ? " moved to the end of the file at " : " added at the end of the file at ") +
+      s.actions.push_back(std::string(topLevelName(c.id)) + (old ? " moved to the end of the file at " : " added at the end of the file at ") +
                           std::to_string(c.target) + " (" + std::to_string(c.newSize) + " bytes)" +
                           (old ? "; its old place becomes a Void" : ""));
     }
@@ -592,7 +581,7 @@ bool InPlaceEditor::plan(const EditRequest& request, std::string& error) {
       head->changed = true;
     } else if (c.element) {
       if (heads.empty()) {
-        error = std::string("no SeekHead to name the moved ") + nameOf(c.id) + " element in";
+        error = std::string("no SeekHead to name the moved ") + topLevelName(c.id) + " element in";
         return false;
       }
       heads.front().entries.push_back(SeekRef{c.id, c.target - s.segmentPayload});

@@ -74,6 +74,21 @@ bool RawReader::header(uint64_t pos, uint64_t& id, uint64_t& size, unsigned& hea
   return true;
 }
 
+const char* topLevelName(uint64_t id) {
+  switch (id) {
+    case kIdInfo: return "Info";
+    case kIdTracks: return "Tracks";
+    case kIdTags: return "Tags";
+    case kIdChapters: return "Chapters";
+    case kIdAttachments: return "Attachments";
+    case kIdSeekHead: return "SeekHead";
+    case kIdCues: return "Cues";
+    case kIdCluster: return "Cluster";
+    case kIdVoid: return "Void";
+    default: return "element";
+  }
+}
+
 uint64_t readUInt(const unsigned char* p, uint64_t n) {
   uint64_t v = 0;
   for (uint64_t i = 0; i < n; ++i) v = v << 8 | p[i];

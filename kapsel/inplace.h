@@ -46,6 +46,8 @@ class RawReader {
   uint64_t windowPos_ = 0;
 };
 
+// The name of a top-level element, for messages ("element" for others).
+const char* topLevelName(uint64_t id);
 uint64_t readUInt(const unsigned char* p, uint64_t n);
 void putId(std::vector<unsigned char>& out, uint64_t id);
 // width 0: the fewest bytes that hold the size.

@@ -36,21 +36,6 @@ bool isClusterChild(uint64_t id) {
          id == kIdBlockGroup || id == 0xAF || id == kIdVoid || id == kIdCrc;
 }
 
-const char* nameOf(uint64_t id) {
-  switch (id) {
-    case kIdInfo: return "Info";
-    case kIdTracks: return "Tracks";
-    case kIdTags: return "Tags";
-    case kIdChapters: return "Chapters";
-    case kIdAttachments: return "Attachments";
-    case kIdSeekHead: return "SeekHead";
-    case kIdCues: return "Cues";
-    case kIdCluster: return "Cluster";
-    case kIdVoid: return "Void";
-    default: return "element";
-  }
-}
-
 std::string str(uint64_t v) { return std::to_string(v); }
 
 std::string seconds(double s) {
@@ -624,7 +609,7 @@ void Analysis::seekHeads(RepairPlan& plan, uint64_t cuesAt, uint64_t& end) {
   };
   auto names = [&](const SeekHeadContent& h) {
     std::string s;
-    for (const auto& e : h.entries) s += (s.empty() ? "" : ", ") + std::string(nameOf(e.id));
+    for (const auto& e : h.entries) s += (s.empty() ? "" : ", ") + std::string(topLevelName(e.id));
     return s;
   };
   // Other SeekHeads and Cues that stay would name what is gone: they become Voids.
@@ -637,7 +622,7 @@ void Analysis::seekHeads(RepairPlan& plan, uint64_t cuesAt, uint64_t& end) {
     while (!(v[1] & (0x80 >> (w - 1)))) ++w;
     v.resize(1 + w);
     plan.writes.push_back(RepairPlan::Write{e.position, v});
-    plan.actions.push_back(std::string(nameOf(e.id)) + " at " + str(e.position) + " (stale) becomes a Void");
+    plan.actions.push_back(std::string(topLevelName(e.id)) + " at " + str(e.position) + " (stale) becomes a Void");
   }
   if (placeFront(full, "naming " + names(full))) return;
 

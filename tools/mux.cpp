@@ -424,20 +424,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   if (writeResult == Kapsel::TWriteResult::kOk) writeResult = report.result;
   if (writeResult == Kapsel::TWriteResult::kWriteFailed) return fail("writing " + o.output + " failed (disk full?)");
   if (writeResult != Kapsel::TWriteResult::kOk) return fail("writing " + o.output + " failed: " + Kapsel::describe(writeResult));
-  if (frames == 0) {
-    if (!sig) return fail("the input holds no packets of the chosen streams");
-    fail("interrupted before anything was muxed; " + o.output + " was not written");
-    return 128 + sig;
-  }
-  if (!outputComplete(temp.path())) return fail("writing " + o.output + " failed (disk full?)");
-  if (!temp.commit(error)) return fail(error);
-  if (sig) {
-    char held[64];
-    std::snprintf(held, sizeof held, "%.1f", endNs / 1e9);
-    fail(std::string(sig == SIGINT ? "interrupted" : "terminated") + "; " + o.output + " holds the first " + held +
-         " seconds");
-    return 128 + sig;
-  }
+  if (const int status = commitOutput(o.output, temp, frames != 0, sig, endNs / 1e9); status >= 0) return status;
 
   if (o.quiet) return 0;
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();

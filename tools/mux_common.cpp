@@ -3,6 +3,7 @@
 #include "tools/mux_common.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 
@@ -182,6 +183,23 @@ bool outputComplete(const std::string& path) {
   const uint64_t segSize = Kapsel::vsizeDecode(in, n);
   const uint64_t payload = in.file().absolutePosition();
   return n != 0 && segSize != ~0ull && payload + segSize == fileSize;
+}
+
+int commitOutput(const std::string& output, TempOutput& temp, bool anythingMuxed, int sig, double heldSeconds) {
+  if (!anythingMuxed) {
+    if (!sig) return fail("the input holds no packets of the chosen streams");
+    fail("interrupted before anything was muxed; " + output + " was not written");
+    return 128 + sig;
+  }
+  std::string error;
+  if (!outputComplete(temp.path())) return fail("writing " + output + " failed (disk full?)");
+  if (!temp.commit(error)) return fail(error);
+  if (!sig) return -1;
+  char held[64];
+  std::snprintf(held, sizeof held, "%.1f", heldSeconds);
+  fail(std::string(sig == SIGINT ? "interrupted" : "terminated") + "; " + output + " holds the first " + held +
+       " seconds");
+  return 128 + sig;
 }
 
 std::string averr(int code) {

@@ -63,6 +63,11 @@ std::vector<std::pair<std::string, std::string>> metadataEntries(const AVFormatC
 // The written file ends with its Segment size patched; otherwise a write failed on the way.
 bool outputComplete(const std::string& path);
 
+class TempOutput;
+// The end of a run: a complete output replaces the target, and a run stopped by signal `sig` says how many seconds
+// the output holds. Returns the exit status to stop with, or -1 when the run ended normally and goes on.
+int commitOutput(const std::string& output, TempOutput& temp, bool anythingMuxed, int sig, double heldSeconds);
+
 std::string averr(int code);
 std::string lower(std::string s);
 std::string humanBytes(double bytes);

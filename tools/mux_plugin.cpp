@@ -447,20 +447,7 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
   }
 
   if (readError && !sig) return fail("reading the input failed part-way: " + averr(readError));
-  if (video.frames + audio.frames == 0) {
-    if (!sig) return fail("the input holds no packets of the chosen streams");
-    fail("interrupted before anything was muxed; " + o.output + " was not written");
-    return 128 + sig;
-  }
-  if (!outputComplete(temp.path())) return fail("writing " + o.output + " failed (disk full?)");
-  if (!temp.commit(error)) return fail(error);
-  if (sig) {
-    char held[64];
-    std::snprintf(held, sizeof held, "%.1f", endSeconds);
-    fail(std::string(sig == SIGINT ? "interrupted" : "terminated") + "; " + o.output + " holds the first " + held +
-         " seconds");
-    return 128 + sig;
-  }
+  if (const int status = commitOutput(o.output, temp, video.frames + audio.frames != 0, sig, endSeconds); status >= 0) return status;
 
   const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   std::error_code ec;
