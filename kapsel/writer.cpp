@@ -1,7 +1,6 @@
 #include "kapsel/writer.h"
 
 #include <algorithm>
-#include <cmath>
 #include <deque>
 
 #include "kapsel/kapsel.h"
@@ -227,7 +226,6 @@ struct StreamWriter::Impl {
     if (status == TWriteResult::kOk) status = r;
     return false;
   }
-  bool checkFile() { return file().isOpen() || fail(TWriteResult::kWriteFailed); }
 
   void start(const TWriterOptions& o);
   TrackState* byNumber(uint64_t number);
@@ -243,6 +241,7 @@ struct StreamWriter::Impl {
   bool joinsBlock(const TrackState& t, const Pending& f) const;
   void startNextCluster(int64_t time);
   void finishCurrentBlock();
+  void saveBlock(const IElement& element);
   void finishCurrentCluster();
   void addCuePoint(TrackState& t, const Pending& f);
   bool fillReservation(uint64_t from);
@@ -468,15 +467,20 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
     block.exportData(element->block_->data(), frameStorage);
     if (withDuration) element->duration_->set(static_cast<uint64_t>(f.duration));
     if (f.discardPadding) element->discardPadding_->set(f.discardPadding);
-    block = SimpleBlock();
-    endOfFile();
-    if (!element.save(*storage, 0)) fail(TWriteResult::kWriteFailed);
-    for (auto& r : blockReleases) r();
-    blockReleases.clear();
-    blockCopies.clear();
-    ++blocksInCluster;
-    ++report.blocks;
+    saveBlock(element);
   }
+}
+
+// Appends a block element and lets go of the frames it held.
+void StreamWriter::Impl::saveBlock(const IElement& element) {
+  block = SimpleBlock();
+  endOfFile();
+  if (!element.save(*storage, 0) || file().hadWriteError()) fail(TWriteResult::kWriteFailed);
+  for (auto& r : blockReleases) r();
+  blockReleases.clear();
+  blockCopies.clear();
+  ++blocksInCluster;
+  ++report.blocks;
 }
 
 void StreamWriter::Impl::finishCurrentBlock() {
@@ -488,14 +492,7 @@ void StreamWriter::Impl::finishCurrentBlock() {
   if (!tracks[blockTrack].video()) block.setKeyframe(true);
   Cluster::SimpleBlockElt element;
   block.exportData(element->data(), frameStorage);
-  block = SimpleBlock();
-  endOfFile();
-  if (!element.save(*storage, 0) || file().hadWriteError()) fail(TWriteResult::kWriteFailed);
-  for (auto& r : blockReleases) r();
-  blockReleases.clear();
-  blockCopies.clear();
-  ++blocksInCluster;
-  ++report.blocks;
+  saveBlock(element);
 }
 
 void StreamWriter::Impl::finishCurrentCluster() {
