@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <deque>
 
+#include "kapsel/inplace.h"
 #include "kapsel/kapsel.h"
 
 namespace Kapsel {
@@ -19,27 +20,13 @@ constexpr uint64_t kOpenSize = 0xFFFFFFFFFFFFFFFFull;  // the maximum size marke
 constexpr unsigned kMaxLacedFrames = 8;
 constexpr unsigned long kWriteLine = 1ul << 20;
 
-void appendId(std::vector<unsigned char>& out, uint64_t id) {
-  unsigned char b[8];
-  out.insert(out.end(), b, b + uintEncode(id, b));
-}
-
-void appendSize(std::vector<unsigned char>& out, uint64_t size) {
-  unsigned char b[8];
-  out.insert(out.end(), b, b + vsizeEncode(size, b));
-}
-
-void appendUInt(std::vector<unsigned char>& out, uint64_t id, uint64_t value) {
-  unsigned char b[8];
-  const unsigned n = uintEncode(value, b);
-  appendId(out, id);
-  appendSize(out, n);
-  out.insert(out.end(), b, b + n);
-}
+using inplace::putId;
+using inplace::putSize;
+using inplace::putUInt;
 
 void appendMaster(std::vector<unsigned char>& out, uint64_t id, const std::vector<unsigned char>& payload) {
-  appendId(out, id);
-  appendSize(out, payload.size());
+  putId(out, id);
+  putSize(out, payload.size());
   out.insert(out.end(), payload.begin(), payload.end());
 }
 
@@ -92,11 +79,11 @@ bool saveCuePointRecords(const std::vector<TCuePoint>& cues, FileStorage& storag
   std::vector<unsigned char> record, point, trackPos;
   for (const TCuePoint& c : cues) {
     trackPos.clear();
-    appendUInt(trackPos, 0xF7, c.track);
-    appendUInt(trackPos, 0xF1, c.clusterPosition);
-    if (c.block > 1) appendUInt(trackPos, 0x5378, c.block);
+    putUInt(trackPos, 0xF7, c.track);
+    putUInt(trackPos, 0xF1, c.clusterPosition);
+    if (c.block > 1) putUInt(trackPos, 0x5378, c.block);
     point.clear();
-    appendUInt(point, 0xB3, c.time);
+    putUInt(point, 0xB3, c.time);
     appendMaster(point, 0xB7, trackPos);
     record.clear();
     appendMaster(record, 0xBB, point);
@@ -110,12 +97,12 @@ bool saveClusterSeekRecords(const std::vector<uint64_t>& positions, FileStorage&
   std::vector<unsigned char> record, entry;
   for (uint64_t p : positions) {
     entry.clear();
-    appendId(entry, 0x53AB);
-    appendSize(entry, 4);
+    putId(entry, 0x53AB);
+    putSize(entry, 4);
     unsigned char id[4];
     uintEncode(kIdCluster, id, 4);
     entry.insert(entry.end(), id, id + 4);
-    appendUInt(entry, 0x53AC, p);
+    putUInt(entry, 0x53AC, p);
     record.clear();
     appendMaster(record, 0x4DBB, entry);
     if (!saveRecord(record, storage, position, remaining)) return false;
