@@ -185,6 +185,7 @@ struct StreamWriter::Impl {
   SimpleBlock block;
   size_t blockTrack = 0;
   int64_t blockStart = 0, blockLastTime = 0, blockLastDuration = 0;
+  std::vector<std::pair<const unsigned char*, unsigned long>> blockFrames;  // the open block's frames
   std::vector<TFrameRelease> blockReleases;
   std::vector<std::vector<uint8_t>> blockCopies;
   MemoryStorage frameStorage;
@@ -229,6 +230,7 @@ struct StreamWriter::Impl {
   void startNextCluster(int64_t time);
   void finishCurrentBlock();
   void saveBlock(const IElement& element);
+  void blockSaved(bool ok);
   void finishCurrentCluster();
   void addCuePoint(TrackState& t, const Pending& f);
   bool fillReservation(uint64_t from);
@@ -442,6 +444,7 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
   blockLastDuration = duration;
   static const unsigned char kNothing = 0;
   block.addFrame(receiptForConstMemory(f.size ? f.data : &kNothing, static_cast<unsigned long>(f.size)));
+  blockFrames.emplace_back(f.data, static_cast<unsigned long>(f.size));
   if (f.release) blockReleases.push_back(std::move(f.release));
   if (!f.copy.empty()) blockCopies.push_back(std::move(f.copy));
   ++report.frames;
@@ -460,9 +463,14 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
 
 // Appends a block element and lets go of the frames it held.
 void StreamWriter::Impl::saveBlock(const IElement& element) {
-  block = SimpleBlock();
   endOfFile();
-  if (!element.save(*storage, 0) || file().hadWriteError()) fail(TWriteResult::kWriteFailed);
+  blockSaved(static_cast<bool>(element.save(*storage, 0)));
+}
+
+void StreamWriter::Impl::blockSaved(bool ok) {
+  block = SimpleBlock();
+  blockFrames.clear();
+  if (!ok || file().hadWriteError()) fail(TWriteResult::kWriteFailed);
   for (auto& r : blockReleases) r();
   blockReleases.clear();
   blockCopies.clear();
@@ -477,9 +485,18 @@ void StreamWriter::Impl::finishCurrentBlock() {
   else
     block.setAutoLacing();
   if (!tracks[blockTrack].video()) block.setKeyframe(true);
-  Cluster::SimpleBlockElt element;
-  block.exportData(element->data(), frameStorage);
-  saveBlock(element);
+  // The SimpleBlock's bytes go straight to the file: an element per block would cost allocations per frame.
+  const std::vector<unsigned char> header = block.headerBytes();
+  uint64_t payload = header.size();
+  for (const auto& frame : blockFrames) payload += frame.second;
+  unsigned char id[1 + 8] = {0xA3};
+  const unsigned idBytes = 1 + vsizeNumBytes(payload);
+  vsizeEncode(payload, id + 1, idBytes - 1);
+  endOfFile();
+  File& out = file();
+  bool ok = out.save(id, idBytes) && out.save(header.data(), static_cast<unsigned long>(header.size()));
+  for (const auto& frame : blockFrames) ok = ok && (frame.second == 0 || out.save(frame.first, frame.second));
+  blockSaved(ok);
 }
 
 void StreamWriter::Impl::finishCurrentCluster() {
