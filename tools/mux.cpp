@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include "kapsel/writer.h"
@@ -278,12 +279,17 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
       }
   }
 
+  // Declared before the writer, which hands packets back to it until the writer is gone.
+  std::optional<PacketPump> pump;
   Kapsel::StreamWriter writer;
   if (writer.open(temp.path(), options) != Kapsel::TWriteResult::kOk) return fail("cannot open " + o.output + " for writing");
   // Packets of each input go to their track by stream index.
   std::vector<std::vector<OutTrack*>> byStream(inputs.size());
   for (size_t i = 0; i < inputs.size(); ++i) byStream[i].assign(inputs[i]->fmt->nb_streams, nullptr);
   for (auto& tr : tracks) {
+    // What muxing reads of the stream, taken before the demuxer runs on a thread of its own.
+    tr->timeBase = tr->st->time_base;
+    tr->sampleRate = tr->st->codecpar->sample_rate;
     const Kapsel::TWriteResult r = writer.addTrack(tr->desc, &tr->number);
     if (r != Kapsel::TWriteResult::kOk) return fail(streamName(tr->ref) + ": " + Kapsel::describe(r));
     byStream[static_cast<size_t>(tr->ref.first)][static_cast<size_t>(tr->ref.second)] = tr.get();
@@ -298,14 +304,13 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   progress.setTotals(duration > 0 ? duration / double(AV_TIME_BASE) : 0, 0);
   const auto started = std::chrono::steady_clock::now();
   uint64_t bytesIn = 0;
-  int readError = 0;
   Kapsel::TWriteResult writeResult = Kapsel::TWriteResult::kOk;
   int64_t endNs = 0;  // the latest end of a packet handed over, for the interruption message
 
   auto send = [&](OutTrack& tr, AVPacket* raw) {
     // The writer keeps the packet's bytes until it has written them; the packet is freed then.
-    std::shared_ptr<AVPacket> pkt(raw, [](AVPacket* p) { av_packet_free(&p); });
-    const AVRational tb = tr.st->time_base;
+    std::shared_ptr<AVPacket> pkt(raw, [&pump](AVPacket* p) { pump->recycle(p); });
+    const AVRational tb = tr.timeBase;
     const int64_t offset = shiftNs + static_cast<int64_t>(tr.desc.codecDelay);
     const int64_t given = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
     Kapsel::TWriterFrame frame;
@@ -345,9 +350,9 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     size_t skipBytes = 0;
     // Samples the encoder padded at the end of the stream are dropped by readers through DiscardPadding.
     if (const uint8_t* skip = av_packet_get_side_data(pkt.get(), AV_PKT_DATA_SKIP_SAMPLES, &skipBytes))
-      if (skipBytes >= 8 && tr.st->codecpar->sample_rate > 0) {
+      if (skipBytes >= 8 && tr.sampleRate > 0) {
         const uint32_t end = skip[4] | skip[5] << 8 | skip[6] << 16 | static_cast<uint32_t>(skip[7]) << 24;
-        frame.discardPadding = av_rescale(end, 1000000000, tr.st->codecpar->sample_rate);
+        frame.discardPadding = av_rescale(end, 1000000000, tr.sampleRate);
       }
     const char* problem = frame.time < 0 ? "is before the start of the output"
                           : frame.decodeTime < tr.lastDecode ? "goes back in time"
@@ -369,45 +374,28 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   };
 
   // Packets of several inputs are merged in decode-time order, so that the writer's queues stay short.
-  auto fill = [&](Input& in) {
-    if (in.pending || (in.done && in.ahead.empty())) return;
-    in.pending = in.next();
-    if (in.error) readError = in.error;
-  };
-  auto timeOf = [](const Input& in) {
-    const AVPacket* p = in.pending;
-    const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
-    return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
-  };
-  std::vector<bool> ended(inputs.size(), false);
+  pump.emplace(inputs);
+  PacketPump::Event event;
   // A first SIGINT or SIGTERM stops the reading; the file is finished with what was muxed.
-  while (!stopSignal() && writeResult == Kapsel::TWriteResult::kOk) {
-    int next = -1;
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      fill(*inputs[i]);
-      if (inputs[i]->pending && (next < 0 || timeOf(*inputs[i]) < timeOf(*inputs[static_cast<size_t>(next)])))
-        next = static_cast<int>(i);
-      if (!inputs[i]->pending && !ended[i]) {
-        // The writer stops waiting for the tracks of an input that has ended.
-        ended[i] = true;
-        for (OutTrack* tr : byStream[i])
-          if (tr) writer.endTrack(tr->number);
-      }
+  while (!stopSignal() && writeResult == Kapsel::TWriteResult::kOk && pump->next(event)) {
+    const auto& streams = byStream[static_cast<size_t>(event.input)];
+    if (!event.packet) {
+      // The writer stops waiting for the tracks of an input that has ended.
+      for (OutTrack* tr : streams)
+        if (tr) writer.endTrack(tr->number);
+      continue;
     }
-    if (next < 0 || readError) break;
-    Input& in = *inputs[static_cast<size_t>(next)];
-    AVPacket* pkt = in.pending;
-    in.pending = nullptr;
+    AVPacket* pkt = event.packet;
     bytesIn += static_cast<uint64_t>(pkt->size);
-    OutTrack* tr = pkt->stream_index < static_cast<int>(byStream[static_cast<size_t>(next)].size())
-                       ? byStream[static_cast<size_t>(next)][static_cast<size_t>(pkt->stream_index)]
-                       : nullptr;
+    OutTrack* tr = pkt->stream_index < static_cast<int>(streams.size()) ? streams[static_cast<size_t>(pkt->stream_index)] : nullptr;
     if (tr)
       send(*tr, pkt);
     else
-      av_packet_free(&pkt);
+      pump->recycle(pkt);
     progress.update(bytesIn, endNs / 1e9);
   }
+  pump->stop();
+  const int readError = pump->error();
   const int sig = stopSignal();
   progress.finish(!readError && !sig && writeResult == Kapsel::TWriteResult::kOk);
   const Kapsel::TWriterReport report = writer.finish();

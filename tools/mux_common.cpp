@@ -2,6 +2,8 @@
 
 #include "tools/mux_common.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -62,6 +64,135 @@ AVPacket* Input::next() {
   AVPacket* p = ahead.front();
   ahead.pop_front();
   return p;
+}
+
+namespace {
+// Reading stops while this much packet data waits, and resumes at half of it.
+constexpr size_t kHeldBytes = 8 << 20;
+// The taker wakes for a batch (not for every packet), or for a few large packets.
+constexpr size_t kBatchPackets = 64, kBatchBytes = 1 << 20;
+// An AVPacket and its buffer reference, beside the data.
+constexpr size_t kPacketOverhead = 256;
+
+void blockStopSignals(bool block) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(block ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+}
+}  // namespace
+
+PacketPump::PacketPump(InputList& inputs) : inputs_(inputs) {
+  thread_ = std::thread([this] { run(); });
+  // A stop signal goes to the reading thread, where it interrupts a read that waits (on a pipe).
+  blockStopSignals(true);
+}
+
+PacketPump::~PacketPump() {
+  stop();
+  for (Event& e : queue_) av_packet_free(&e.packet);
+  for (Event& e : taken_) av_packet_free(&e.packet);
+  for (AVPacket*& p : used_) av_packet_free(&p);
+}
+
+void PacketPump::recycle(AVPacket* packet) {
+  std::lock_guard<std::mutex> hold(lock_);
+  if (!stopped_) {
+    used_.push_back(packet);
+    return;
+  }
+  av_packet_free(&packet);
+}
+
+void PacketPump::stop() {
+  if (!thread_.joinable()) return;
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    stopped_ = true;
+  }
+  writable_.notify_all();
+  thread_.join();
+  blockStopSignals(false);
+}
+
+bool PacketPump::push(const Event& event) {
+  std::unique_lock<std::mutex> hold(lock_);
+  if (used_.size() >= kBatchPackets) {
+    std::vector<AVPacket*> used;
+    used.swap(used_);
+    hold.unlock();
+    for (AVPacket*& p : used) av_packet_free(&p);
+    hold.lock();
+  }
+  if (bytes_ >= kHeldBytes) {
+    readerWaiting_ = true;
+    writable_.wait(hold, [this] { return stopped_ || bytes_ <= kHeldBytes / 2; });
+    readerWaiting_ = false;
+  }
+  if (stopped_) return false;
+  queue_.push_back(event);
+  bytes_ += kPacketOverhead + (event.packet ? static_cast<size_t>(event.packet->size) : 0);
+  if (takerWaiting_ && (queue_.size() >= kBatchPackets || bytes_ >= kBatchBytes)) readable_.notify_one();
+  return true;
+}
+
+bool PacketPump::next(Event& event) {
+  if (taken_.empty()) {
+    std::unique_lock<std::mutex> hold(lock_);
+    takerWaiting_ = true;
+    readable_.wait(hold, [this] { return closed_ || stopped_ || queue_.size() >= kBatchPackets || bytes_ >= kBatchBytes; });
+    takerWaiting_ = false;
+    if (queue_.empty()) return false;
+    taken_.swap(queue_);
+    bytes_ = 0;
+    if (readerWaiting_) writable_.notify_one();
+  }
+  event = taken_.front();
+  taken_.pop_front();
+  return true;
+}
+
+void PacketPump::run() {
+  std::vector<bool> ended(inputs_.size(), false);
+  try {
+    while (!stopSignal()) {
+      int next = -1;
+      for (size_t i = 0; i < inputs_.size(); ++i) {
+        Input& in = *inputs_[i];
+        if (!in.pending && !(in.done && in.ahead.empty())) {
+          in.pending = in.next();
+          if (in.error) error_ = in.error;
+        }
+        auto timeOf = [](const Input& in) {
+          const AVPacket* p = in.pending;
+          const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
+          return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
+        };
+        if (in.pending && (next < 0 || timeOf(in) < timeOf(*inputs_[static_cast<size_t>(next)])))
+          next = static_cast<int>(i);
+        if (!in.pending && !ended[i]) {
+          ended[i] = true;
+          if (!push({nullptr, static_cast<int>(i)})) break;
+        }
+      }
+      if (next < 0 || error_) break;
+      Input& in = *inputs_[static_cast<size_t>(next)];
+      AVPacket* p = in.pending;
+      in.pending = nullptr;
+      if (!push({p, next})) {
+        av_packet_free(&p);
+        break;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    error_ = AVERROR(ENOMEM);
+  }
+  {
+    std::lock_guard<std::mutex> hold(lock_);
+    closed_ = true;
+  }
+  readable_.notify_one();
 }
 
 void setUpLibav() {

@@ -5,11 +5,14 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -35,6 +38,42 @@ struct Input {
 using InputList = std::vector<std::unique_ptr<Input>>;
 // (input index, stream index)
 using StreamRef = std::pair<int, int>;
+
+// Reads the inputs on a thread of its own, their packets merged in decode-time order, while the caller muxes: the
+// two cores each take a half of the copying. Packets held between the two are bounded in bytes.
+class PacketPump {
+ public:
+  // A packet of input `input` (the taker frees it), or, with packet nullptr, the end of input `input`.
+  struct Event {
+    AVPacket* packet = nullptr;
+    int input = -1;
+  };
+  explicit PacketPump(InputList& inputs);
+  ~PacketPump();
+  PacketPump(const PacketPump&) = delete;
+  PacketPump& operator=(const PacketPump&) = delete;
+  // The next event; false once reading is over (every input ended, a read failed, a stop signal came).
+  bool next(Event& event);
+  // Frees a taken packet on the reading thread, which allocated it: freeing it here would contend for its heap.
+  void recycle(AVPacket* packet);
+  // Stops reading early; what was read and not taken is freed.
+  void stop();
+  // A read error (an AVERROR) that ended the reading, else 0; read once next() has returned false.
+  int error() const { return error_; }
+
+ private:
+  void run();
+  bool push(const Event& event);  // false once stopped
+  InputList& inputs_;
+  std::mutex lock_;
+  std::condition_variable readable_, writable_;
+  std::deque<Event> queue_, taken_;  // taken_: the taker's batch, outside the lock
+  std::vector<AVPacket*> used_;      // recycled, for the reading thread to free
+  size_t bytes_ = 0;
+  bool closed_ = false, stopped_ = false, takerWaiting_ = false, readerWaiting_ = false;
+  int error_ = 0;
+  std::thread thread_;
+};
 
 // Quiets libav and lets a stop signal interrupt reading.
 void setUpLibav();
@@ -79,6 +118,8 @@ constexpr AVRational kNanoseconds{1, 1000000000};
 struct OutTrack {
   StreamRef ref;
   AVStream* st = nullptr;
+  AVRational timeBase{1, 1};
+  int sampleRate = 0;
   Kapsel::TTrackSpec desc;
   std::string codecName;  // readable, for messages
   uint64_t number = 0;    // in the output

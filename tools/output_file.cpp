@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -17,8 +18,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-volatile std::sig_atomic_t gSignal = 0;
-volatile std::sig_atomic_t gGraceful = 0;
+// Atomic, for muxing reads on a second thread; lock-free, so safe in a handler.
+std::atomic<int> gSignal{0};
+std::atomic<int> gGraceful{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 // The temporary file a signal must remove; written before the handlers can see it.
 char gTempPath[4096] = {};
 
