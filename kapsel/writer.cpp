@@ -231,6 +231,7 @@ struct StreamWriter::Impl {
   void finishCurrentBlock();
   void saveBlock(const IElement& element);
   void blockSaved(bool ok);
+  void addBlockFrames();
   void finishCurrentCluster();
   void addCuePoint(TrackState& t, const Pending& f);
   bool fillReservation(uint64_t from);
@@ -388,7 +389,7 @@ void StreamWriter::Impl::muxAll(bool flush) {
 // ---------------------------------------------------------------- clusters, blocks and cues
 
 bool StreamWriter::Impl::joinsBlock(const TrackState& t, const Pending& f) const {
-  const unsigned long inBlock = block.getNumberOfFrames();
+  const size_t inBlock = blockFrames.size();
   if (inBlock == 0) return true;
   if (inBlock >= kMaxLacedFrames || webm() || &tracks[blockTrack] != &t || t.sparse() || t.desc.flagLacing == 0)
     return false;
@@ -432,7 +433,7 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
   const bool withDuration = t.sparse() && f.duration >= 0;
   const bool group = withDuration || f.discardPadding != 0;
   if (!joinsBlock(t, f) || group) finishCurrentBlock();
-  if (block.getNumberOfFrames() == 0) {
+  if (blockFrames.empty()) {
     for (size_t i = 0; i < tracks.size(); ++i)
       if (&tracks[i] == &t) blockTrack = i;
     block.setTrackNumber(t.number);
@@ -442,8 +443,6 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
   }
   blockLastTime = f.time;
   blockLastDuration = duration;
-  static const unsigned char kNothing = 0;
-  block.addFrame(receiptForConstMemory(f.size ? f.data : &kNothing, static_cast<unsigned long>(f.size)));
   blockFrames.emplace_back(f.data, static_cast<unsigned long>(f.size));
   if (f.release) blockReleases.push_back(std::move(f.release));
   if (!f.copy.empty()) blockCopies.push_back(std::move(f.copy));
@@ -454,6 +453,7 @@ void StreamWriter::Impl::mux(TrackState& t, Pending& f) {
     Cluster::BlockGroupElt element;
     block.setKeyframe(false);
     block.setLacing(SimpleBlock::kNoLacing);
+    addBlockFrames();
     block.exportData(element->block_->data(), frameStorage);
     if (withDuration) element->duration_->set(static_cast<uint64_t>(f.duration));
     if (f.discardPadding) element->discardPadding_->set(f.discardPadding);
@@ -478,14 +478,21 @@ void StreamWriter::Impl::blockSaved(bool ok) {
   ++report.blocks;
 }
 
+// The block's frames as receipts, for a header that lists their sizes or a BlockGroup's Block.
+void StreamWriter::Impl::addBlockFrames() {
+  static const unsigned char kNothing = 0;
+  for (const auto& [data, size] : blockFrames) block.addFrame(receiptForConstMemory(size ? data : &kNothing, size));
+}
+
 void StreamWriter::Impl::finishCurrentBlock() {
-  if (block.getNumberOfFrames() == 0) return;
+  if (blockFrames.empty()) return;
   if (webm() || tracks[blockTrack].desc.flagLacing == 0)
     block.setLacing(SimpleBlock::kNoLacing);
   else
     block.setAutoLacing();
   if (!tracks[blockTrack].video()) block.setKeyframe(true);
   // The SimpleBlock's bytes go straight to the file: an element per block would cost allocations per frame.
+  if (blockFrames.size() > 1) addBlockFrames();
   const std::vector<unsigned char> header = block.headerBytes();
   uint64_t payload = header.size();
   for (const auto& frame : blockFrames) payload += frame.second;

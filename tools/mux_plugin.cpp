@@ -305,9 +305,7 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
   progress.setTotals(duration > 0 ? duration / double(AV_TIME_BASE) : 0, 0);
   const auto started = std::chrono::steady_clock::now();
   uint64_t bytesIn = 0;
-  AVPacket* pkt = av_packet_alloc();
   AVPacket* filtered = av_packet_alloc();
-  int readError = 0;
   double endSeconds = 0;  // the latest end of a packet handed over, for the interruption message
 
   // Times go over as the input has them, or in nanoseconds when they are shifted.
@@ -369,53 +367,30 @@ int runPluginMux(const MuxOptions& o, const std::string& programPath, InputList&
   };
 
   // Packets of several inputs are merged in decode-time order.
-  auto fill = [&](Input& in) {
-    if (in.pending) return;
-    if (!in.ahead.empty()) {
-      in.pending = in.ahead.front();
-      in.ahead.pop_front();
-      return;
-    }
-    in.pending = in.read();
-    if (in.error) readError = in.error;
-  };
-  auto timeOf = [](const Input& in) {
-    const AVPacket* p = in.pending;
-    const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
-    return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
-  };
+  PacketPump pump(inputs);
+  PacketPump::Event event;
   // A first SIGINT or SIGTERM stops the reading; the file is finished with what was muxed.
-  while (!stopSignal()) {
-    Input* next = nullptr;
-    int nextIndex = -1;
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      fill(*inputs[i]);
-      if (inputs[i]->pending && (!next || timeOf(*inputs[i]) < timeOf(*next))) {
-        next = inputs[i].get();
-        nextIndex = static_cast<int>(i);
-      }
-    }
-    if (!next || readError) break;
-    av_packet_unref(pkt);
-    av_packet_move_ref(pkt, next->pending);
-    av_packet_free(&next->pending);
+  while (!stopSignal() && pump.next(event)) {
+    if (!event.packet) continue;
+    AVPacket* pkt = event.packet;
     bytesIn += static_cast<uint64_t>(pkt->size);
-    if (nextIndex == video.input && pkt->stream_index == video.stream) {
+    if (event.input == video.input && pkt->stream_index == video.stream) {
       sendVideo(pkt);
-    } else if (nextIndex == audio.input && pkt->stream_index == audio.stream) {
-      if (audio.bsf) {
-        if (av_bsf_send_packet(audio.bsf, pkt) < 0) continue;
+    } else if (event.input == audio.input && pkt->stream_index == audio.stream) {
+      if (!audio.bsf) {
+        sendAudio(pkt);
+      } else if (av_bsf_send_packet(audio.bsf, pkt) >= 0) {
         while (av_bsf_receive_packet(audio.bsf, filtered) == 0) {
           sendAudio(filtered);
           av_packet_unref(filtered);
         }
-      } else {
-        sendAudio(pkt);
       }
     }
+    pump.recycle(pkt);
     progress.update(bytesIn, endSeconds);
   }
-  av_packet_free(&pkt);
+  pump.stop();
+  const int readError = pump.error();
   av_packet_free(&filtered);
   const int sig = stopSignal();
   progress.finish(!readError && !sig);
