@@ -43,7 +43,8 @@ class DiscardReceipts : public IElementCrawler {
 // Drops CRC-32 elements and Voids and re-encodes blocks more compactly where it pays.
 class Optimizer : public IElementCrawler {
  public:
-  explicit Optimizer(IStorage& storage) : storage_(storage) {}
+  // With clustersDone, clusters (already optimised as they loaded) are passed over.
+  explicit Optimizer(IStorage& storage, bool clustersDone = false) : storage_(storage), clustersDone_(clustersDone) {}
   bool eval(IElement& element) override;
   bool evalPayload(IPayload& payload) override;
   template <class Elt>
@@ -51,6 +52,19 @@ class Optimizer : public IElementCrawler {
 
  private:
   IStorage& storage_;
+  bool clustersDone_;
+};
+
+// Optimises each cluster as soon as it has loaded, while its bytes are still cached: a later pass would read every
+// block's header from the file again. Then MatroskaDoc::optimize(storage, true) does the rest.
+class OptimizeClustersOnLoad : public IDelegateLoad {
+ public:
+  explicit OptimizeClustersOnLoad(IStorage& storage) : optimizer_(storage) {}
+  uint64_t load(FileStorage&, uint64_t, uint64_t, IPayload&) override { return 0; }
+  void loaded(IElement& element) override;
+
+ private:
+  Optimizer optimizer_;
 };
 
 // Writes the CRC-32 value of one element over its placeholder; false when it cannot.

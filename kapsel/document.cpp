@@ -147,8 +147,8 @@ void MatroskaDoc::resolveReferences() {
   for (auto& s : segments_) s->resolveReferences(s);
 }
 
-void MatroskaDoc::optimize(IStorage& storage) {
-  Optimizer optimizer(storage);
+void MatroskaDoc::optimize(IStorage& storage, bool clustersDone) {
+  Optimizer optimizer(storage, clustersDone);
   eval(optimizer);
 }
 

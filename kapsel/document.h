@@ -89,7 +89,8 @@ class MatroskaDoc : public EbmlDoc {
   // After loading: the byte ranges the loader could not read, in the order found.
   const std::vector<TByteRange>& damagedRanges() const { return damaged_; }
   void resolveReferences();
-  void optimize(IStorage& storage);
+  // With clustersDone, clusters were optimised as they loaded (OptimizeClustersOnLoad) and are left alone.
+  void optimize(IStorage& storage, bool clustersDone = false);
   void discardReceipts();
 
   TEltList<SegmentElt> segments_;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "kapsel/ebml.h"
@@ -266,6 +267,24 @@ bool SharedFile::save(uint64_t position, unsigned long numBytes, const unsigned 
   return ok;
 }
 
+bool SharedFile::peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst) {
+  if (file_ == nullptr) return false;
+  // Cached bytes may not be in the file yet.
+  if (cache_ != nullptr && numBytes > 0) {
+    const TCache::TLine* first = cache_->lookup(position);
+    const TCache::TLine* last = cache_->lookup(position + numBytes - 1);
+    if ((first && first->ready) || (last && last->ready)) return cache_->load(position, numBytes, dst) == numBytes;
+  }
+  if (position + numBytes > size_) return false;
+  for (unsigned long done = 0; done < numBytes;) {
+    const ssize_t n = pread(fileno(file_), dst + done, numBytes - done, static_cast<off_t>(position + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<unsigned long>(n);
+  }
+  return true;
+}
+
 FILE* fopen_utf8(const char* path, const char* mode) {
   if (path == nullptr || *path == '\0') return nullptr;
   return std::fopen(path, mode);
@@ -331,6 +350,10 @@ bool File::save(const void* src, unsigned long numBytes) {
   return d_->shared->write(static_cast<const unsigned char*>(src), numBytes);
 }
 
+bool File::peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst) {
+  return d_->shared->peekAt(position, numBytes, dst);
+}
+
 bool File::calcCrc32(int64_t start, int64_t numBytes, Crc32& crc) {
   if (numBytes == 0) return true;
   SharedFile& f = *d_->shared;
@@ -379,6 +402,10 @@ bool FileStorage::Receipt::save(const unsigned char* data, unsigned long numByte
 bool FileStorage::Receipt::load(unsigned char* data) {
   File::Seek guard(file_, static_cast<int64_t>(position_), File::kAbsolutePosition);
   return file_.load(data, static_cast<unsigned long>(numBytes_));
+}
+
+bool FileStorage::Receipt::peek(unsigned char* data, unsigned long numBytes) {
+  return numBytes <= numBytes_ && file_.peekAt(position_, numBytes, data);
 }
 
 bool FileStorage::Receipt::calcCrc32(Crc32& crc, const ReceiptPtr& receiptSkip) {

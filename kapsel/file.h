@@ -110,6 +110,8 @@ class File {
   bool load(void* dst, unsigned long numBytes);
   unsigned long peek(void* dst, unsigned long numBytes);
   bool save(const void* src, unsigned long numBytes);
+  // A few bytes at `position`, from the cache when it holds them, else by one read that fills no cache line.
+  bool peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst);
   bool calcCrc32(int64_t start, int64_t numBytes, Crc32& crc);
   TCache* cache() const;
   // True after any write-back or write failed since opening (a full disk, say).
@@ -136,6 +138,7 @@ class SharedFile : public ICacheDataProvider {
   bool setSize(uint64_t newSize);
   bool load(uint64_t position, unsigned long* numBytes, unsigned char* dst) override;
   bool save(uint64_t position, unsigned long numBytes, const unsigned char* src) override;
+  bool peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst);
 
   std::string filename_;
   File::AccessMode mode_ = File::kReadOnly;
@@ -163,6 +166,7 @@ class FileStorage : public IStorage {
     IReceipt& add(uint64_t n) override { numBytes_ += n; return *this; }
     bool save(const unsigned char* data, unsigned long numBytes) override;
     bool load(unsigned char* data) override;
+    bool peek(unsigned char* data, unsigned long numBytes) override;
     bool calcCrc32(Crc32& crc, const ReceiptPtr& receiptSkip) override;
     ReceiptPtr receipt(uint64_t offset, uint64_t numBytes) const override;
 

@@ -25,6 +25,11 @@ class IStorage {
     virtual IReceipt& add(uint64_t numBytes) = 0;
     virtual bool save(const unsigned char* data, unsigned long numBytes) = 0;
     virtual bool load(unsigned char* data) = 0;
+    // The first numBytes bytes (at most numBytes()); a file reads only these.
+    virtual bool peek(unsigned char* data, unsigned long numBytes) {
+      ReceiptPtr head = receipt(0, numBytes);
+      return numBytes <= this->numBytes() && head && head->load(data);
+    }
     virtual bool calcCrc32(Crc32& crc, const ReceiptPtr& receiptSkip) = 0;
     virtual ReceiptPtr receipt(uint64_t offset, uint64_t numBytes) const = 0;
 

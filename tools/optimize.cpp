@@ -21,7 +21,10 @@ int runOptimize(const OptimizeOptions& o) {
   WebmDoc doc(kFileFormatMatroska);
   // Elements the tables do not know are written back as they were: optimising never loses data.
   doc.setKeepUnknown(true);
-  if (doc.load(in, before) == 0 || doc.segments_.empty())
+  // Blocks (and lacing) live in memory when an optimising pass shrinks them.
+  MemoryStorage memory;
+  OptimizeClustersOnLoad onLoad(memory);
+  if (doc.load(in, before, o.crc32 ? nullptr : &onLoad) == 0 || doc.segments_.empty())
     return fail(o.input + " is not a Matroska or WebM file");
   const std::vector<TByteRange> damage = doc.damagedRanges();
   if (!damage.empty() && !o.force)
@@ -36,8 +39,7 @@ int runOptimize(const OptimizeOptions& o) {
   if (o.crc32) {
     doc.setCrc32(true, kCrc32LittleEndian);
   } else {
-    MemoryStorage memory;
-    doc.optimize(memory);
+    doc.optimize(memory, true);
   }
   std::string error;
   TempOutput temp;
