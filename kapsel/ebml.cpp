@@ -1,7 +1,7 @@
 #include "kapsel/ebml.h"
 
 #include <unistd.h>
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <algorithm>
 #include <chrono>
@@ -274,24 +274,17 @@ uint64_t createUID() {
 }
 
 struct Crc32::Engine {
-  uLong state = crc32(0L, Z_NULL, 0);
+  uint32_t state = 0;
 };
 
 Crc32::Crc32() : engine_(new Engine) {}
 Crc32::~Crc32() { delete engine_; }
 
 void Crc32::compute(const void* data, uint64_t numBytes) {
-  const auto* p = static_cast<const Bytef*>(data);
-  // zlib takes lengths that fit an unsigned int.
-  for (const uint64_t step = 1u << 30; numBytes > 0;) {
-    const uint64_t n = std::min(numBytes, step);
-    engine_->state = crc32(engine_->state, p, static_cast<uInt>(n));
-    p += n;
-    numBytes -= n;
-  }
+  engine_->state = libdeflate_crc32(engine_->state, data, static_cast<size_t>(numBytes));
 }
 
-uint32_t Crc32::checksum() const { return static_cast<uint32_t>(engine_->state); }
+uint32_t Crc32::checksum() const { return engine_->state; }
 
 std::ostream& operator<<(std::ostream& os, const indent& in) {
   static const char eight[] = "        ";
