@@ -64,8 +64,10 @@ run() {
     >> "$work/$name.txt"
 }
 col() { cut -d' ' -f"$1" "$work/$2.txt" | median; }
+# The fastest round: mkvmerge's wall time is bimodal here (some runs spend half a second more in the kernel).
+best() { cut -d' ' -f1 "$work/$1.txt" | sort -g | head -1; }
 
-rows=() cpu_rows=()
+rows=() cpu_rows=() best_rows=()
 # job LABEL INPUT OUTPUT-EXTENSION KAPSEL-ARGS... : every tool on the input, in turn, ROUNDS times.
 job() {
   local label=$1 input=$2 ext=$3; shift 3
@@ -83,6 +85,9 @@ job() {
   rows+=("$(printf '%-34s %8.2f %8.2f %8.2f %8.2f %7s %7s %7s %9.1f' "$label ($(du -m "$input" | cut -f1) MB)" \
     "$k" "$m" "$f" "$c" "$(ratio "$k" "$m")" "$(ratio "$k" "$f")" "$(ratio "$k" "$c")" \
     "$(awk -v k="$(col 2 kapsel)" 'BEGIN {print k / 1024}')")")
+  k=$(best kapsel); m=$(best mkvmerge); f=$(best ffmpeg); c=$(best cp)
+  best_rows+=("$(printf '%-34s %8.2f %8.2f %8.2f %8.2f %7s %7s %7s' "$label" "$k" "$m" "$f" "$c" \
+    "$(ratio "$k" "$m")" "$(ratio "$k" "$f")" "$(ratio "$k" "$c")")")
   k=$(col 3 kapsel); m=$(col 3 mkvmerge); f=$(col 3 ffmpeg); c=$(col 3 cp)
   cpu_rows+=("$(printf '%-34s %8.2f %8.2f %8.2f %8.2f %7s %7s %7s' "$label" "$k" "$m" "$f" "$c" \
     "$(ratio "$k" "$m")" "$(ratio "$k" "$f")" "$(ratio "$k" "$c")")")
@@ -121,6 +126,8 @@ echo
 echo "rounds: $rounds, alternating, medians; seconds of wall time; load after the jobs: $load_jobs"
 printf '%-34s %8s %8s %8s %8s %7s %7s %7s %9s\n' job kapsel mkvmerge ffmpeg cp k/mkvm k/ffm k/cp "peak MiB"
 printf '%s\n' "${rows[@]}"
+echo "the same runs, the fastest round of each:"
+printf '%s\n' "${best_rows[@]}"
 echo "the same runs, CPU seconds (user + system):"
 printf '%s\n' "${cpu_rows[@]}"
 

@@ -68,7 +68,7 @@ AVPacket* Input::next() {
 
 namespace {
 // Reading stops while this much packet data waits, and resumes at half of it.
-constexpr size_t kHeldBytes = 8 << 20;
+constexpr size_t kHeldBytes = 4 << 20;
 // The taker wakes for a batch (not for every packet), or for a few large packets.
 constexpr size_t kBatchPackets = 64, kBatchBytes = 1 << 20;
 // An AVPacket and its buffer reference, beside the data.
