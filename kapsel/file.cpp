@@ -1,5 +1,7 @@
 #include "kapsel/file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +11,10 @@
 #include "kapsel/ebml.h"
 
 namespace Kapsel {
+
+namespace {
+constexpr uint64_t kAllocationStep = 64ull << 20;
+}  // namespace
 
 // ---------------------------------------------------------------- TCache
 
@@ -200,6 +206,14 @@ void SharedFile::close() {
     delete cache_;  // writes back every dirty line
     cache_ = nullptr;
   }
+  if (file_ && allocatedTo_ > 0) {
+    // Truncating to the size the file has gives back the space claimed past its end.
+    struct stat st {};
+    // A failed flush shows at fclose below; space not given back is only space.
+    if (std::fflush(file_) == 0 && fstat(fileno(file_), &st) == 0) (void)!ftruncate(fileno(file_), st.st_size);
+  }
+  allocateAhead_ = false;
+  allocatedTo_ = 0;
   if (file_) {
     if (std::fclose(file_) != 0) writeError_ = true;
     file_ = nullptr;
@@ -234,6 +248,7 @@ bool SharedFile::setSize(uint64_t newSize) {
   if (newSize == size_) return true;
   std::fflush(file_);
   if (ftruncate(fileno(file_), static_cast<off_t>(newSize)) != 0) return false;
+  allocatedTo_ = std::min(allocatedTo_, newSize);
   if (newSize < position_) position_ = newSize;
   if (cache_) cache_->truncate(newSize);
   size_ = newSize;
@@ -259,6 +274,15 @@ bool SharedFile::save(uint64_t position, unsigned long numBytes, const unsigned 
     streamPos_ = -1;
     writeError_ = true;
     return false;
+  }
+  if (allocateAhead_ && position + numBytes > allocatedTo_) {
+    const uint64_t from = std::max(allocatedTo_, position);
+    const uint64_t step = std::max<uint64_t>(kAllocationStep, numBytes);
+    // Only a hint: where the file system cannot, writing goes on without it.
+    if (fallocate(fileno(file_), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from), static_cast<off_t>(step)) == 0)
+      allocatedTo_ = from + step;
+    else
+      allocateAhead_ = false;
   }
   // Flush now so that a full disk is seen here and not only at close.
   const bool ok = std::fwrite(src, 1, numBytes, file_) == numBytes && std::fflush(file_) == 0;
@@ -349,6 +373,8 @@ unsigned long File::peek(void* dst, unsigned long numBytes) {
 bool File::save(const void* src, unsigned long numBytes) {
   return d_->shared->write(static_cast<const unsigned char*>(src), numBytes);
 }
+
+void File::allocateAhead() { d_->shared->allocateAhead_ = d_->shared->file_ != nullptr; }
 
 bool File::peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst) {
   return d_->shared->peekAt(position, numBytes, dst);

@@ -114,6 +114,9 @@ class File {
   bool peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst);
   bool calcCrc32(int64_t start, int64_t numBytes, Crc32& crc);
   TCache* cache() const;
+  // For files written front to back: space past the end is claimed in large steps as writing reaches it (the file
+  // system then allocates once a step rather than once a page); what is left unused is given back at close.
+  void allocateAhead();
   // True after any write-back or write failed since opening (a full disk, say).
   bool hadWriteError() const;
 
@@ -147,6 +150,8 @@ class SharedFile : public ICacheDataProvider {
   uint64_t size_ = 0;
   TCache* cache_ = nullptr;
   bool writeError_ = false;
+  bool allocateAhead_ = false;
+  uint64_t allocatedTo_ = 0;  // space claimed up to here (allocateAhead)
   // Where the stream stands after our last write; -1 when unknown or after a read.
   int64_t streamPos_ = -1;
 };

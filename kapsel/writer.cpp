@@ -762,6 +762,7 @@ TWriteResult StreamWriter::open(FileStorage& storage, const TWriterOptions& opti
   // Large lines make few big writes; four of them keep the open cluster's header at hand for its size patch.
   if (TCache* cache = storage.file().cache())
     if (cache->lineSize() < kWriteLine) cache->resize(4, kWriteLine);
+  storage.file().allocateAhead();
   m.start(options);
   return TWriteResult::kOk;
 }

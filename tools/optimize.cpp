@@ -49,6 +49,7 @@ int runOptimize(const OptimizeOptions& o) {
     FileStorage out(temp.path(), File::kReadWrite);
     if (!out.file().isOpen()) return fail("cannot open " + o.output + " for writing");
     if (TCache* cache = out.file().cache()) cache->resize(4, 1ul << 20);
+    out.file().allocateAhead();
     ReceiptPtr r = doc.save(out);
     after = out.file().size();
     out.file().close();
