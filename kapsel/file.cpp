@@ -6,7 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "kapsel/ebml.h"
 
@@ -43,7 +46,7 @@ TCache::TLine* TCache::getLine(uint64_t position) {
   }
   if (line->ready) return line;
   unsigned long n = lineSize_;
-  line->ready = provider_ != nullptr && provider_->load(line->head, &n, line->data.data());
+  line->ready = provider_ != nullptr && provider_->loadLine(line->head, &n, line->data);
   if (!line->ready) n = 0;
   // Bytes past the tail are stale; they are zeroed when the tail moves over them.
   line->tail = line->head + n;
@@ -201,7 +204,80 @@ bool SharedFile::open(const std::string& filename, File::AccessMode mode) {
   return true;
 }
 
+// One line read ahead at a time, into a buffer of its own that is then swapped into the cache.
+struct SharedFile::ReadAhead {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::thread thread;
+  int fd = -1;
+  bool quit = false, pending = false, done = false;
+  uint64_t position = 0;
+  unsigned long got = 0;
+  std::vector<unsigned char> buffer;
+
+  void run() {
+    std::unique_lock<std::mutex> hold(lock);
+    for (;;) {
+      changed.wait(hold, [this] { return quit || (pending && !done); });
+      if (quit) return;
+      const uint64_t at = position;
+      const size_t size = buffer.size();
+      unsigned char* dst = buffer.data();
+      hold.unlock();
+      size_t n = 0;
+      while (n < size) {
+        const ssize_t r = pread(fd, dst + n, size - n, static_cast<off_t>(at + n));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        n += static_cast<size_t>(r);
+      }
+      hold.lock();
+      got = static_cast<unsigned long>(n);
+      done = true;
+      changed.notify_all();
+    }
+  }
+  ~ReadAhead() {
+    {
+      std::lock_guard<std::mutex> hold(lock);
+      quit = true;
+    }
+    changed.notify_all();
+    if (thread.joinable()) thread.join();
+  }
+};
+
+bool SharedFile::loadLine(uint64_t position, unsigned long* numBytes, std::vector<unsigned char>& line) {
+  if (readAhead_ == nullptr || file_ == nullptr || *numBytes != line.size()) return load(position, numBytes, line.data());
+  ReadAhead& ra = *readAhead_;
+  std::unique_lock<std::mutex> hold(ra.lock);
+  // The buffer is ours again once the read in flight has ended.
+  ra.changed.wait(hold, [&ra] { return !ra.pending || ra.done; });
+  bool ok = true;
+  if (ra.pending && ra.position == position && ra.buffer.size() == line.size()) {
+    line.swap(ra.buffer);
+    *numBytes = ra.got;
+  } else {
+    hold.unlock();
+    ok = load(position, numBytes, line.data());
+    hold.lock();
+  }
+  ra.pending = ra.done = false;
+  // The next line, unless it lies past the end.
+  const uint64_t next = position + line.size();
+  if (next < size_) {
+    ra.buffer.resize(line.size());
+    ra.position = next;
+    ra.pending = true;
+    if (!ra.thread.joinable()) ra.thread = std::thread([&ra] { ra.run(); });
+    ra.changed.notify_all();
+  }
+  return ok;
+}
+
 void SharedFile::close() {
+  delete readAhead_;
+  readAhead_ = nullptr;
   if (cache_) {
     delete cache_;  // writes back every dirty line
     cache_ = nullptr;
@@ -372,6 +448,13 @@ unsigned long File::peek(void* dst, unsigned long numBytes) {
 
 bool File::save(const void* src, unsigned long numBytes) {
   return d_->shared->write(static_cast<const unsigned char*>(src), numBytes);
+}
+
+void File::readAhead() {
+  SharedFile& f = *d_->shared;
+  if (f.file_ == nullptr || f.mode_ != kReadOnly || f.readAhead_ != nullptr) return;
+  f.readAhead_ = new SharedFile::ReadAhead;
+  f.readAhead_->fd = fileno(f.file_);
 }
 
 void File::allocateAhead() { d_->shared->allocateAhead_ = d_->shared->file_ != nullptr; }

@@ -18,6 +18,10 @@ class ICacheDataProvider {
   virtual ~ICacheDataProvider() = default;
   virtual bool load(uint64_t position, unsigned long* numBytes, unsigned char* dst) = 0;
   virtual bool save(uint64_t position, unsigned long numBytes, const unsigned char* src) = 0;
+  // A whole cache line; a provider that read it ahead may swap its own buffer (of the same size) in.
+  virtual bool loadLine(uint64_t position, unsigned long* numBytes, std::vector<unsigned char>& line) {
+    return load(position, numBytes, line.data());
+  }
 };
 
 class TCache {
@@ -117,6 +121,8 @@ class File {
   // For files written front to back: space past the end is claimed in large steps as writing reaches it (the file
   // system then allocates once a step rather than once a page); what is left unused is given back at close.
   void allocateAhead();
+  // For read-only files read front to back: the line after each one loaded is read on a thread of its own meanwhile.
+  void readAhead();
   // True after any write-back or write failed since opening (a full disk, say).
   bool hadWriteError() const;
 
@@ -142,7 +148,10 @@ class SharedFile : public ICacheDataProvider {
   bool load(uint64_t position, unsigned long* numBytes, unsigned char* dst) override;
   bool save(uint64_t position, unsigned long numBytes, const unsigned char* src) override;
   bool peekAt(uint64_t position, unsigned long numBytes, unsigned char* dst);
+  bool loadLine(uint64_t position, unsigned long* numBytes, std::vector<unsigned char>& line) override;
 
+  struct ReadAhead;
+  ReadAhead* readAhead_ = nullptr;
   std::string filename_;
   File::AccessMode mode_ = File::kReadOnly;
   FILE* file_ = nullptr;

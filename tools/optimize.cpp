@@ -17,6 +17,7 @@ int runOptimize(const OptimizeOptions& o) {
   if (!in.file().isOpen()) return fail("cannot open " + o.input);
   // Frames are read one by one as they are written: large cache lines make that a few big reads.
   if (TCache* cache = in.file().cache()) cache->resize(4, 1ul << 20);
+  in.file().readAhead();
   const uint64_t before = in.file().size();
   WebmDoc doc(kFileFormatMatroska);
   // Elements the tables do not know are written back as they were: optimising never loses data.
