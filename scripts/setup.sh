@@ -2,7 +2,7 @@
 # Installs what building, testing and the command-line program need (Debian, as root; idempotent).
 set -euo pipefail
 packages=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev libdeflate-dev libavformat-dev libavcodec-dev libavutil-dev
+  libcli11-dev nlohmann-json3-dev libdeflate-dev libjemalloc-dev libavformat-dev libavcodec-dev libavutil-dev
   ffmpeg mkvtoolnix libwebm-tools groff-base python3
   clang libclang-rt-14-dev)
 missing=()
