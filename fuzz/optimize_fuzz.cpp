@@ -23,10 +23,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   WebmDoc doc(kFileFormatWebm);
   // As the program loads what it optimises: nothing the file holds is dropped.
   doc.setKeepUnknown(true);
-  doc.load(in, in.file().size());
-  if (doc.segments_.empty()) return 0;
   MemoryStorage scratch;
-  doc.optimize(scratch);
+  // The next-to-last input byte picks the program's way (read ahead, clusters optimised as they load) or a pass
+  // after loading.
+  const bool onLoad = size > 1 && (data[size - 2] & 1);
+  OptimizeClustersOnLoad delegate(scratch);
+  if (onLoad) in.file().readAhead();
+  doc.load(in, in.file().size(), onLoad ? &delegate : nullptr);
+  if (doc.segments_.empty()) return 0;
+  doc.optimize(scratch, onLoad);
   // The last input byte picks the CRC-32 byte order, so both orders are exercised.
   doc.setCrc32(true, size > 0 && (data[size - 1] & 1) ? kCrc32LittleEndian : kCrc32BigEndian);
   if (!fuzz::saveTo(doc, output)) fuzz::finding("an optimised document could not be saved");
