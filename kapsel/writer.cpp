@@ -496,12 +496,12 @@ void StreamWriter::Impl::finishCurrentBlock() {
   const std::vector<unsigned char> header = block.headerBytes();
   uint64_t payload = header.size();
   for (const auto& frame : blockFrames) payload += frame.second;
-  unsigned char id[1 + 8] = {0xA3};
-  const unsigned idBytes = 1 + vsizeNumBytes(payload);
-  vsizeEncode(payload, id + 1, idBytes - 1);
+  unsigned char idAndSize[1 + 8] = {0xA3};
+  const unsigned idAndSizeBytes = 1 + vsizeNumBytes(payload);
+  vsizeEncode(payload, idAndSize + 1, idAndSizeBytes - 1);
   endOfFile();
   File& out = file();
-  bool ok = out.save(id, idBytes) && out.save(header.data(), static_cast<unsigned long>(header.size()));
+  bool ok = out.save(idAndSize, idAndSizeBytes) && out.save(header.data(), static_cast<unsigned long>(header.size()));
   for (const auto& frame : blockFrames) ok = ok && (frame.second == 0 || out.save(frame.first, frame.second));
   blockSaved(ok);
 }

@@ -155,6 +155,11 @@ bool PacketPump::next(Event& event) {
 
 void PacketPump::run() {
   std::vector<bool> ended(inputs_.size(), false);
+  auto timeOf = [](const Input& in) {
+    const AVPacket* p = in.pending;
+    const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
+    return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
+  };
   try {
     while (!stopSignal()) {
       int next = -1;
@@ -164,11 +169,6 @@ void PacketPump::run() {
           in.pending = in.next();
           if (in.error) error_ = in.error;
         }
-        auto timeOf = [](const Input& in) {
-          const AVPacket* p = in.pending;
-          const int64_t t = p->dts != AV_NOPTS_VALUE ? p->dts : p->pts;
-          return t == AV_NOPTS_VALUE ? -1e300 : t * av_q2d(in.fmt->streams[p->stream_index]->time_base);
-        };
         if (in.pending && (next < 0 || timeOf(in) < timeOf(*inputs_[static_cast<size_t>(next)])))
           next = static_cast<int>(i);
         if (!in.pending && !ended[i]) {

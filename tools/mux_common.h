@@ -58,7 +58,7 @@ class PacketPump {
   void recycle(AVPacket* packet);
   // Stops reading early; what was read and not taken is freed.
   void stop();
-  // A read error (an AVERROR) that ended the reading, else 0; read once next() has returned false.
+  // A read error (an AVERROR) that ended the reading, else 0; read after stop().
   int error() const { return error_; }
 
  private:
