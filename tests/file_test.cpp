@@ -351,6 +351,32 @@ TEST(File, AllocateAheadGivesBackWhatIsLeft) {
   EXPECT_LT(allocated(), data.size() + (1u << 20));
 }
 
+// Reading ahead gives the bytes a plain read gives, read front to back or jumping about (where the line read ahead
+// is not the one wanted), with a short last line.
+TEST(File, ReadAheadGivesTheFileBytes) {
+  TempDir dir;
+  const std::string path = dir.path("ahead.bin");
+  Bytes data((1u << 20) + 12345);
+  std::mt19937 random(7);
+  for (auto& b : data) b = static_cast<unsigned char>(random());
+  {
+    File f(path, File::kReadWrite);
+    ASSERT_TRUE(f.save(data.data(), static_cast<unsigned long>(data.size())));
+  }
+  File f(path, File::kReadOnly);
+  f.cache()->resize(4, 65536);
+  f.readAhead();
+  for (int round = 0; round < 200; ++round) {
+    // Mostly the next bytes; now and then anywhere.
+    const uint64_t at = round % 7 == 6 ? random() % data.size() : f.absolutePosition() % data.size();
+    const unsigned long n = static_cast<unsigned long>(std::min<uint64_t>(random() % 50000 + 1, data.size() - at));
+    Bytes got(n);
+    ASSERT_TRUE(f.seek(static_cast<int64_t>(at)));
+    ASSERT_TRUE(f.load(got.data(), n)) << at;
+    ASSERT_TRUE(std::equal(got.begin(), got.end(), data.begin() + static_cast<std::ptrdiff_t>(at))) << at;
+  }
+}
+
 TEST(File, FailuresAreReportedAsResults) {
   TempDir dir;
   unsigned char buf[16] = {};
