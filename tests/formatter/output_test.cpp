@@ -1,10 +1,13 @@
-// Files written through the loaded module, checked by independent readers and by walking the bytes.
+// The formatter module as the host sees it, loaded with dlopen: what it answers and refuses, and the files it
+// writes, checked by independent readers and by walking the bytes.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,6 +24,7 @@ using Bytes = std::vector<unsigned char>;
 constexpr uint32_t kKvi = FourCC("KVI ");
 constexpr uint32_t kMkv = FourCC("MKV ");
 constexpr uint32_t kWebm = FourCC("WEBM");
+constexpr uint32_t kUnknownVideo = 0x80090011, kUnknownAudio = 0x80090012, kNotOpened = 0x8009000F;
 enum : uint64_t {
   kSegment = 0x18538067, kInfo = 0x1549A966, kTracks = 0x1654AE6B, kSeekHead = 0x114D9B74, kCues = 0x1C53BB6B,
   kChapters = 0x1043A770, kTags = 0x1254C367, kCluster = 0x1F43B675, kVoid = 0xEC
@@ -28,8 +32,9 @@ enum : uint64_t {
 
 const PluginModule& module() {
   static PluginModule m;
-  static const bool opened = m.open(KAPSEL_FORMATTER_MODULE);
-  (void)opened;
+  static std::string error;
+  static const bool opened = m.open(KAPSEL_FORMATTER_MODULE, &error);
+  if (!opened) ADD_FAILURE() << error;
   return m;
 }
 
@@ -247,20 +252,6 @@ std::vector<Bytes> vorbisHeaders(const TempDir& dir) {
   return {Bytes(a, b), Bytes(b, c), Bytes(c, p.end())};
 }
 
-// MD5 of each blob, through a single md5sum run.
-std::vector<std::string> md5All(const std::vector<Bytes>& blobs) {
-  TempDir d;
-  std::string cmd = "cd " + shellQuote(d.path()) + " && md5sum";
-  for (size_t i = 0; i < blobs.size(); ++i) {
-    writeFile(d.path(std::to_string(i)), blobs[i]);
-    cmd += " " + std::to_string(i);
-  }
-  std::vector<std::string> out;
-  std::istringstream lines(runCommand(cmd).out);
-  for (std::string line; std::getline(lines, line);) out.push_back(line.substr(0, 32));
-  return out;
-}
-
 struct Fed {
   int64_t ms;
   bool key;
@@ -279,10 +270,11 @@ struct Job {
   std::vector<std::unique_ptr<CAceMarker>> marks;
 
   Job(uint32_t format, std::string out) : f(module().create(kKvi, format)), path(std::move(out)) {}
+  Job(CAFormatter* existing, std::string out) : f(existing), path(std::move(out)) {}
   ~Job() {
     if (f) f->Release();
   }
-  void begin(bool wantVideo, bool wantAudio, uint64_t hintMs) {
+  uint32_t begin(bool wantVideo, bool wantAudio, uint64_t hintMs = 2000) {
     f->SetOutputFile(path);
     f->SetDurationHint(1000, 1000 + hintMs * 90, 90000);
     if (meta.GetCount()) f->SetMetaData(&meta);
@@ -290,7 +282,7 @@ struct Job {
     for (auto& m : marks) list.Add(m.get());
     f->SetChapterMarkers(&list);
     SetStreams(*f, wantVideo ? &vc : nullptr, wantAudio ? &ac : nullptr);
-    ASSERT_EQ(f->BeginFormatting(), 0u);
+    return f->BeginFormatting();
   }
   static int64_t ms(int64_t v, uint64_t units) {
     return units == 1000 ? v : static_cast<int64_t>(v * 1000.0 / units + 0.5);
@@ -298,15 +290,22 @@ struct Job {
   void addVideo(int64_t t, uint64_t units, bool key, Bytes data, int64_t offset = 0, const Bytes* config = nullptr) {
     KVImage_t s = MakeVideoSample(data.data(), data.size(), t, units, offset, key, config);
     video.push_back({ms(t, units), key, std::move(data)});
-    f->AddVideoSample(&s);
+    EXPECT_EQ(f->AddVideoSample(&s), 0u);
     ReleaseSample(s);
   }
   void addAudio(const std::vector<RefAudioPacket>& packets, const Bytes* config = nullptr, bool record = true) {
     KVAudio_t s = MakeAudioSample(packets, config);
     if (record)
       for (const auto& p : packets) audio.push_back({ms(p.timeValue, p.timeUnits), true, p.bytes});
-    f->AddAudioSample(&s);
+    EXPECT_EQ(f->AddAudioSample(&s), 0u);
     ReleaseSample(s);
+  }
+  // Two seconds of 25 fps video, a key frame a second, and 26 ms audio packets, in time order.
+  void feed(int64_t offset = 0) {
+    for (int64_t v = 0, a = 0; v < 2000 || a < 2000;) {
+      if (a <= v) addAudio({{noise(100, a), offset + a, 1000}}), a += 26;
+      else addVideo(offset + v, 1000, v % 1000 == 0, vp8(200, v % 1000 == 0, v)), v += 40;
+    }
   }
   void finish() {
     testing::internal::CaptureStderr();
@@ -345,8 +344,8 @@ void checkWithReaders(const Job& job, bool webm) {
     if (fed->empty()) continue;
     const uint64_t track = fed == &job.video ? 1 : 2;
     std::vector<std::pair<int64_t, bool>> want, got;
-    std::vector<Bytes> blobs;
-    for (const Fed& f : *fed) want.emplace_back(f.ms, f.key), blobs.push_back(f.data);
+    std::vector<std::string> md5s;
+    for (const Fed& f : *fed) want.emplace_back(f.ms, f.key), md5s.push_back(md5Hex(f.data.data(), f.data.size()));
     for (const auto& p : packets)
       if (p.stream == stream) got.emplace_back(p.ptsMs, p.key);
     ASSERT_EQ(got.size(), want.size()) << "stream " << stream;
@@ -354,7 +353,7 @@ void checkWithReaders(const Job& job, bool webm) {
     for (size_t i = 0; i < want.size(); ++i)
       if (!blockStart[track][i] && track == 2) got[i].first = want[i].first;
     EXPECT_EQ(got, want) << "stream " << stream;
-    EXPECT_EQ(frameMd5(job.path, stream), md5All(blobs)) << "stream " << stream;
+    EXPECT_EQ(frameMd5(job.path, stream), md5s) << "stream " << stream;
     ++stream;
   }
   EXPECT_EQ(mkvmergeJson(job.path).exitCode, 0) << mkvmergeJson(job.path).out;
@@ -374,15 +373,222 @@ Layout finishAndCheck(Job& job, bool webm, bool cuesInReservation = true) {
   return l;
 }
 
-class OutputTest : public ::testing::Test {
+std::vector<size_t> packetsPerStream(const std::string& path) {
+  std::string err;
+  std::vector<size_t> n(2, 0);
+  for (const auto& p : ffprobePackets(path, &err))
+    if (p.stream >= 0 && p.stream < 2) ++n[p.stream];
+  EXPECT_EQ(err, "");
+  return n;
+}
+
+class PluginTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(module().isOpen());
-    for (const char* tool : {"ffprobe", "ffmpeg", "mkvmerge", "mkvinfo", "webm_info"})
-      if (!haveTool(tool)) GTEST_SKIP() << tool << " is not installed";
+  void SetUp() override { ASSERT_TRUE(module().isOpen()); }
+  // Every packet and bundle handed to the formatter has been given back.
+  void TearDown() override {
+    EXPECT_EQ(RefPacket::LiveCount(), 0);
+    EXPECT_EQ(RefPacketBundle::LiveCount(), 0);
   }
   TempDir dir;
 };
+
+class OutputTest : public PluginTest {
+ protected:
+  void SetUp() override {
+    PluginTest::SetUp();
+    for (const char* tool : {"ffprobe", "ffmpeg", "mkvmerge", "mkvinfo", "webm_info"})
+      if (!haveTool(tool)) GTEST_SKIP() << tool << " is not installed";
+  }
+};
+
+TEST_F(PluginTest, ExportsOnlyTheThreeEntryPoints) {
+  const CommandResult r = runCommand(std::string("nm -D --defined-only ") + shellQuote(KAPSEL_FORMATTER_MODULE));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::set<std::string> ours;
+  std::istringstream lines(r.out);
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(line.find_last_of(' ') + 1);
+    static const std::set<std::string> toolchain = {"_init", "_fini", "__bss_start", "_edata", "_end"};
+    if (toolchain.count(name) || name.rfind("__", 0) == 0) continue;
+    ours.insert(name);
+  }
+  EXPECT_EQ(ours, (std::set<std::string>{"BXGetNumberFormatters", "BXGetFormatterInfo", "CreateFormatter"}));
+}
+
+TEST_F(PluginTest, EnumeratesAndCreatesFormatters) {
+  const PluginModule& m = module();
+  ASSERT_EQ(m.count(), 2u);
+  const uint32_t expected[2] = {kMkv, kWebm};
+  for (uint32_t i = 0; i < 3; ++i) {
+    uint32_t maker = 0, version = 0;
+    const uint32_t* format = nullptr;
+    m.info(i == 2 ? 7 : i, &maker, &format, &version);  // out of range is clamped, never read past the table
+    EXPECT_EQ(maker, kKvi);
+    ASSERT_NE(format, nullptr);
+    EXPECT_EQ(*format, expected[std::min(i, 1u)]);
+    EXPECT_EQ(version, 0x10000u);
+  }
+  m.info(1, nullptr, nullptr, nullptr);  // every output is optional
+  EXPECT_EQ(m.create(FourCC("ACME"), kMkv), nullptr);
+
+  // Any format code but 'WEBM' writes Matroska.
+  Job odd(FourCC("ABCD"), dir.path("odd.mkv"));
+  ASSERT_NE(odd.f, nullptr);
+  ASSERT_EQ(odd.begin(true, true), 0u);
+  odd.feed();
+  odd.f->EndFormatting(nullptr);
+  EXPECT_EQ(Layout(odd.path).docType, "matroska");
+
+  // A copy writes the same kind of file and does not keep the source's compressors.
+  Job source(kWebm, "");
+  Array_c<IVideoCompressor*> compressors;
+  compressors.Add(&source.vc);
+  source.f->SetVideoCompressors(compressors);
+  Job copy(source.f->CreateCopy(), dir.path("copy.webm"));
+  ASSERT_NE(copy.f, nullptr);
+  copy.f->SetOutputFile(copy.path);
+  copy.f->SetEncodeVideo(true);
+  ASSERT_EQ(copy.f->BeginFormatting(), 0u);
+  for (int i = 0; i < 5; ++i) copy.addVideo(i * 40, 1000, i == 0, vp8(200, i == 0, i));
+  copy.f->EndFormatting(nullptr);
+  EXPECT_EQ(readFile(copy.path).size(), 0u) << "a copy must not use the source's compressor";
+  ASSERT_EQ(copy.begin(true, false), 0u);
+  copy.feed();
+  copy.f->EndFormatting(nullptr);
+  EXPECT_EQ(Layout(copy.path).docType, "webm");
+}
+
+TEST_F(PluginTest, AnswersWhichCodecsItStores) {
+  Job mkv(kMkv, ""), webm(kWebm, "");
+  const uint32_t on2 = FourCC("ON2!"), acme = FourCC("ACME");
+  struct Case {
+    uint32_t maker, codec;
+    bool video, inMkv, inWebm;
+  } cases[] = {
+      {on2, FourCC("VP8 "), true, true, true},     {kKvi, FourCC("VP8 "), true, false, false},
+      {acme, FourCC("H264"), true, true, false},   {kKvi, FourCC("MP4V"), true, true, false},
+      {kKvi, FourCC("VP62"), true, false, false},  {kKvi, FourCC("VRBS"), false, true, true},
+      {acme, FourCC("VRBS"), false, false, false}, {kKvi, FourCC("AAC "), false, true, false},
+      {acme, FourCC("AAC "), false, false, false}, {acme, FourCC("MP3 "), false, true, false},
+      {kKvi, FourCC("LPCM"), false, true, false},  {acme, FourCC("LPCM"), false, false, false},
+      {kKvi, FourCC("AC3 "), false, false, false}, {kKvi, FourCC("OPUS"), false, false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(FourCCToString(c.maker) + "/" + FourCCToString(c.codec));
+    auto ask = [&](CAFormatter* f) {
+      return c.video ? f->SupportsVideoCodec(c.maker, c.codec) : f->SupportsAudioCodec(c.maker, c.codec);
+    };
+    EXPECT_EQ(ask(mkv.f), c.inMkv);
+    EXPECT_EQ(ask(webm.f), c.inWebm);
+  }
+  EXPECT_FALSE(mkv.f->SupportsEncoding());
+}
+
+TEST_F(PluginTest, NoFramesLeavesAnEmptyFile) {
+  Job job(kMkv, dir.path("empty.mkv"));
+  std::ofstream(job.path) << "stale content from an earlier job";
+  ASSERT_EQ(job.begin(true, true), 0u);
+  EXPECT_EQ(job.f->EndFormatting(nullptr), 0u);
+  EXPECT_EQ(job.f->EndFormatting(nullptr), 0u);
+  EXPECT_EQ(readFile(job.path).size(), 0u);
+}
+
+TEST_F(PluginTest, RefusesUnknownCodecsAndUnopenablePathsWithoutWriting) {
+  Job badVideo(kMkv, dir.path("v.mkv")), badAudio(kMkv, dir.path("a.mkv"));
+  Job badPath(kMkv, dir.path("missing/dir/out.mkv")), dirPath(kMkv, dir.path(""));
+  badVideo.vc.params.codec = FourCC("XVID");
+  badAudio.ac.params.codec = FourCC("OPUS");
+  EXPECT_EQ(badVideo.begin(true, true), kUnknownVideo);
+  EXPECT_EQ(badAudio.begin(true, true), kUnknownAudio);
+  EXPECT_EQ(badPath.begin(true, true), kNotOpened);
+  EXPECT_EQ(dirPath.begin(true, true), kNotOpened);
+  for (Job* j : {&badVideo, &badAudio, &badPath, &dirPath}) {
+    j->feed();  // ignored, and every packet still given back
+    EXPECT_EQ(j->f->EndFormatting(nullptr), 0u);
+  }
+  EXPECT_FALSE(std::ifstream(badVideo.path).good());
+  EXPECT_FALSE(std::ifstream(badAudio.path).good());
+
+  // The same object works once the host fixes the path.
+  badPath.path = dir.path("fixed.mkv");
+  badPath.video.clear();
+  badPath.audio.clear();
+  ASSERT_EQ(badPath.begin(true, true), 0u);
+  badPath.feed();
+  badPath.f->EndFormatting(nullptr);
+  EXPECT_EQ(Layout(badPath.path).docType, "matroska");
+  EXPECT_EQ(packetsPerStream(badPath.path), (std::vector<size_t>{badPath.video.size(), badPath.audio.size()}));
+}
+
+TEST_F(PluginTest, SurvivesOddSamples) {
+  Job job(kMkv, dir.path("odd.mkv"));
+  auto video = [&](int64_t ms, bool key, size_t size = 200) {
+    job.addVideo(ms, 1000, key, size ? vp8(size, key, static_cast<uint32_t>(ms)) : Bytes());
+  };
+  video(0, true);  // before BeginFormatting: ignored
+  job.addAudio({{noise(100, 0), 0, 1000}});
+  ASSERT_EQ(job.begin(true, false), 0u);
+  EXPECT_EQ(job.f->AddVideoSample(nullptr), 0u);
+  EXPECT_EQ(job.f->AddAudioSample(nullptr), 0u);
+  KVImage_t noData;
+  EXPECT_EQ(job.f->AddVideoSample(&noData), 0u);
+  KVAudio_t noPackets;
+  EXPECT_EQ(job.f->AddAudioSample(&noPackets), 0u);
+  job.addAudio({{noise(100, 10), 10, 1000}});  // audio that the host did not ask for is released unread
+  KVImage_t emptyBundle = MakeVideoSample(nullptr, 0, 0, 1000, 0, true);
+  emptyBundle.data->TakePacket(0)->Release();
+  EXPECT_EQ(job.f->AddVideoSample(&emptyBundle), 0u);
+  ReleaseSample(emptyBundle);
+  // Empty packets, times that go backwards or before zero, odd units and a huge time.
+  video(0, true, 0);
+  video(40, false, 0);
+  video(400, false);
+  video(120, true);
+  video(-500, false);
+  KVImage_t s = MakeVideoSample(noise(50, 1).data(), 50, 3, 0, 0, false);  // units of 0
+  job.f->AddVideoSample(&s);
+  ReleaseSample(s);
+  job.addVideo(1000000, 90000, true, noise(50, 2), -90000);
+  video(500, true);
+  video(INT64_MAX, false);
+  video(600, true);
+  job.f->EndFormatting(nullptr);
+  EXPECT_EQ(Layout(job.path).docType, "matroska");
+  EXPECT_LT(mkvmergeJson(job.path).exitCode, 2);
+}
+
+TEST_F(PluginTest, MissingDecoderConfigurationStillFinishesTheFile) {
+  Job job(kMkv, dir.path("noconfig.mkv"));
+  job.vc.params.codec = FourCC("H264");
+  job.ac.params = {kKvi, FourCC("AAC "), 48000, 16, "Stereo", "AAC"};
+  ASSERT_EQ(job.begin(true, true), 0u);
+  job.feed();
+  job.f->EndFormatting(nullptr);
+  EXPECT_EQ(Layout(job.path).docType, "matroska");
+  EXPECT_LT(mkvmergeJson(job.path).exitCode, 2);
+}
+
+TEST_F(PluginTest, ReuseForASecondFileLeavesTheFirstIntact) {
+  Job job(kMkv, dir.path("first.mkv"));
+  ASSERT_EQ(job.begin(true, true), 0u);
+  job.feed();
+  EXPECT_EQ(job.f->EndFormatting(nullptr), 0u);
+  const Bytes first = readFile(job.path);
+  const std::vector<size_t> firstCounts{job.video.size(), job.audio.size()};
+  EXPECT_EQ(Layout(job.path).docType, "matroska");
+
+  job.path = dir.path("second.mkv");
+  job.video.clear();
+  ASSERT_EQ(job.begin(true, false), 0u);
+  job.feed(5000);
+  job.f->Release();  // releasing without EndFormatting finishes the second file
+  job.f = nullptr;
+  EXPECT_EQ(readFile(dir.path("first.mkv")), first);
+  EXPECT_EQ(packetsPerStream(dir.path("first.mkv")), firstCounts);
+  EXPECT_EQ(Layout(job.path).docType, "matroska");
+  EXPECT_EQ(packetsPerStream(job.path), (std::vector<size_t>{job.video.size(), 0}));
+}
 
 TEST_F(OutputTest, WebmVp8AndVorbis) {
   const auto headers = vorbisHeaders(dir);
@@ -391,7 +597,7 @@ TEST_F(OutputTest, WebmVp8AndVorbis) {
   job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 320, 240, 30.0, "VP8", 30u, {}, {}};
   job.ac.params = {kKvi, FourCC("VRBS"), 48000, 16, "Stereo", "Vorbis"};
   job.meta.Add(CAceNameValuePair("Title", "Info only"));
-  job.begin(true, true, 6000);
+  ASSERT_EQ(job.begin(true, true, 6000), 0u);
   std::vector<RefAudioPacket> hp;
   for (const Bytes& h : headers) hp.push_back({h, 0, 1000});
   job.addAudio(hp, nullptr, false);
@@ -450,7 +656,7 @@ TEST_F(OutputTest, MatroskaH264AndAacWithChaptersAndTags) {
   job.marks.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "Middle", 1.5));
   job.marks.push_back(std::make_unique<CAceMarker>(1, "not a chapter", 2.0));
   job.marks.push_back(std::make_unique<CAceMarker>(CAceMarker::kMarkerTypeChapter, "Later", 3.0));
-  job.begin(true, true, 4000);
+  ASSERT_EQ(job.begin(true, true, 4000), 0u);
   const Bytes avcC{1, 0x64, 0, 0x1F, 0xFF, 0xE1, 0, 4, 0x67, 0x64, 0, 0x1F, 1, 0, 0}, later{1, 2, 3};
   const Bytes asc{0x12, 0x10}, laterAsc{0x11, 0x90};
   for (int v = 0, a = 0; v < 100 || a < 172;) {
@@ -522,7 +728,7 @@ TEST_F(OutputTest, MatroskaLacesOnlyVideoFramesAtTheFrameStepAndWebmNeverLaces) 
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Job job(c.format, dir.path(c.name));
-    job.begin(true, false, 1200);
+    ASSERT_EQ(job.begin(true, false, 1200), 0u);
     for (int v = 0; v < 30; ++v) job.addVideo(c.time(v), 1000, v % 20 == 0, vp8(100 + v * 13 % 90, v % 20 == 0, v));
     std::vector<unsigned> frames;
     for (const Block& b : finishAndCheck(job, c.format == kWebm).blocks()) {
@@ -535,7 +741,7 @@ TEST_F(OutputTest, MatroskaLacesOnlyVideoFramesAtTheFrameStepAndWebmNeverLaces) 
 
 TEST_F(OutputTest, AudioWinsTiesAndDecodeTimeDecidesTheOrder) {
   Job job(kMkv, dir.path("order.mkv"));
-  job.begin(true, true, 1000);
+  ASSERT_EQ(job.begin(true, true, 1000), 0u);
   // Video is shown 80 ms after it is decoded; audio shares its decode times.
   for (int i = 0; i < 20; ++i) {
     job.addVideo(i * 40 + 80, 1000, i == 0, vp8(120, i == 0, i), 80);
@@ -550,7 +756,7 @@ TEST_F(OutputTest, AudioWinsTiesAndDecodeTimeDecidesTheOrder) {
 
 TEST_F(OutputTest, ClustersOpenAtTheTimecodeLimitAndAtEachSecondCueKeyFrame) {
   Job job(kWebm, dir.path("limit.webm"));
-  job.begin(true, false, 75000);
+  ASSERT_EQ(job.begin(true, false, 75000), 0u);
   for (int64_t t : {0, 32766, 32767, 65533, 65534, 70000, 71000, 72000}) {
     const bool key = t == 0 || t == 70000 || t == 71000;
     job.addVideo(t, 1000, key, vp8(80, key, static_cast<uint32_t>(t)));
@@ -562,7 +768,7 @@ TEST_F(OutputTest, ClustersOpenAtTheTimecodeLimitAndAtEachSecondCueKeyFrame) {
 
   // Without video the audio track is cued once a cluster.
   Job audio(kMkv, dir.path("audio.mkv"));
-  audio.begin(false, true, 70000);
+  ASSERT_EQ(audio.begin(false, true, 70000), 0u);
   for (int t = 0; t <= 70000; t += 500) audio.addAudio({{noise(64, t), t, 1000}});
   std::vector<uint64_t> cueTimes;
   for (const Cue& c : finishAndCheck(audio, false).cues()) {
@@ -575,7 +781,7 @@ TEST_F(OutputTest, ClustersOpenAtTheTimecodeLimitAndAtEachSecondCueKeyFrame) {
 TEST_F(OutputTest, IndexMovesToTheEndWhenTheReservationIsOutgrown) {
   Job job(kWebm, dir.path("long.webm"));
   job.vc.params = {FourCC("ON2!"), FourCC("VP8 "), 160, 120, 10.0, "VP8", {}, {}, {}};
-  job.begin(true, false, 1000);  // a hint far shorter than the stream
+  ASSERT_EQ(job.begin(true, false, 1000), 0u);  // a hint far shorter than the stream
   for (int v = 0; v < 800; ++v) job.addVideo(v * 100, 1000, v % 10 == 0, vp8(40, v % 10 == 0, v));
   const Layout l = finishAndCheck(job, true, false);
   job.expectClusters(2, 80);
