@@ -150,19 +150,6 @@ TEST(FromStorage, SizesAndFailures) {
   }
 }
 
-TEST(Crc32Sum, CheckValueAndSplitFeeding) {
-  Crc32 crc;
-  EXPECT_EQ(crc.checksum(), 0u);
-  crc.compute("123456789", 9);
-  EXPECT_EQ(crc.checksum(), 0xCBF43926u);
-  // An intermediate checksum does not disturb the running sum.
-  Crc32 split;
-  split.compute("1234", 4);
-  (void)split.checksum();
-  split.compute("56789", 5);
-  EXPECT_EQ(split.checksum(), 0xCBF43926u);
-}
-
 // The byte fill is checked with the process and thread tests of the hostile inputs.
 TEST(UniqueIds, TopSevenBitsClear) {
   for (int i = 0; i < 2000; ++i) EXPECT_EQ(createUID() >> 57, 0u);
