@@ -285,7 +285,10 @@ TEST_F(Elt, LoadOuterFromHandWrittenBytes) {
       {cat({kOuterId, {0x88, 0x42, 0x86, 0x84, 0x01}}), 9, 1, ""},
       // A leaf of unknown size cannot be read; the rest of its parent is passed over.
       {cat({kOuterId, {0x89, 0x42, 0x86, 0x81, 0x03, 0x42, 0x82, 0xFF, 0x61, 0x62}}), 14, 3, ""},
-      // An open element runs to the end of the file.
+      // Open elements: Group ends at Name, which only Outer knows; Outer ends at the stranger, or the end of the file.
+      {cat({kOuterId, kUnknownSize, {0x42, 0x86, 0x81, 0x03, 0xA0, 0xFF, 0x81, 0x81, 0x05, 0x42, 0x82, 0x81, 0x78},
+            {0x55, 0x55, 0x81, 0x07}}),
+       25, 3, "x"},
       {cat({kOuterId, kUnknownSize, {0x42, 0x86, 0x81, 0x03, 0xA0, 0xFF, 0x81, 0x81, 0x05, 0x42, 0x82, 0x81, 0x78}}),
        25, 3, "x"},
   };
@@ -404,28 +407,14 @@ TEST_F(Elt, LoadOtherIdLeavesThePositionAlone) {
   EXPECT_EQ(v->get(), 3u);
 }
 
-TEST_F(Elt, LoadUnknownSizeEndsAtFirstStrangerOrItsParentsEnd) {
-  // Group (open) ends at Name, which only Outer knows; Outer (open) ends at the stranger.
-  const Bytes disk = cat({kOuterId, kUnknownSize,
-                          {0x42, 0x86, 0x81, 0x03, 0xA0, 0xFF, 0x81, 0x81, 0x05, 0x42, 0x82, 0x81, 0x78},
-                          {0x55, 0x55, 0x81, 0x07}});
-  FileStorage& fs = source(disk);
+TEST_F(Elt, LoadOpenChildEndsWithItsParent) {
+  // The bytes after Outer would be a Number; an open Group inside Outer must not reach them.
   OuterElt e;
-  EXPECT_EQ(e.load(fs, disk.size()), 25u);
-  EXPECT_EQ(e->name->get(), "x");
+  EXPECT_EQ(load(e, cat({kOuterId, {0x85, 0xA0, 0xFF, 0x81, 0x81, 0x05}, {0x81, 0x81, 0x06}})), 10u);
+  EXPECT_EQ(position_, 10u);
   ASSERT_EQ(e->groups.size(), 1u);
   EXPECT_EQ(e->groups[0]->number->get(), 5u);
   EXPECT_EQ(e->groups[0].storageReceipt()->numBytes(), 5u);
-  StrangerElt next;
-  EXPECT_EQ(next.load(fs, 4), 4u);
-  EXPECT_EQ(next->get(), 7u);
-
-  // The bytes after Outer would be a Number; an open Group inside Outer must not reach them.
-  OuterElt inside;
-  EXPECT_EQ(load(inside, cat({kOuterId, {0x85, 0xA0, 0xFF, 0x81, 0x81, 0x05}, {0x81, 0x81, 0x06}})), 10u);
-  EXPECT_EQ(position_, 10u);
-  ASSERT_EQ(inside->groups.size(), 1u);
-  EXPECT_EQ(inside->groups[0]->number->get(), 5u);
 }
 
 TEST_F(Elt, MixedRegistryAndDeepCopies) {
@@ -460,8 +449,6 @@ TEST_F(Elt, MixedRegistryAndDeepCopies) {
   m = self;
   EXPECT_EQ(m.count(), 2u);
   EXPECT_EQ(m.elements().front(), first);
-  m.clear();
-  EXPECT_EQ(m.count(), 0u);
   EXPECT_EQ(simpleValue(assigned.elements().front()), 9u);
 }
 
