@@ -364,8 +364,7 @@ void checkWithReaders(const Job& job, bool webm) {
   }
 }
 
-Layout finishAndCheck(Job& job, bool webm, bool cuesInReservation = true) {
-  job.finish();
+Layout checkFile(const Job& job, bool webm, bool cuesInReservation = true) {
   checkWithReaders(job, webm);
   Layout l(job.path);
   EXPECT_EQ(l.docType, webm ? "webm" : "matroska");
@@ -373,13 +372,9 @@ Layout finishAndCheck(Job& job, bool webm, bool cuesInReservation = true) {
   return l;
 }
 
-std::vector<size_t> packetsPerStream(const std::string& path) {
-  std::string err;
-  std::vector<size_t> n(2, 0);
-  for (const auto& p : ffprobePackets(path, &err))
-    if (p.stream >= 0 && p.stream < 2) ++n[p.stream];
-  EXPECT_EQ(err, "");
-  return n;
+Layout finishAndCheck(Job& job, bool webm, bool cuesInReservation = true) {
+  job.finish();
+  return checkFile(job, webm, cuesInReservation);
 }
 
 class PluginTest : public ::testing::Test {
@@ -494,7 +489,7 @@ TEST_F(PluginTest, NoFramesLeavesAnEmptyFile) {
   EXPECT_EQ(readFile(job.path).size(), 0u);
 }
 
-TEST_F(PluginTest, RefusesUnknownCodecsAndUnopenablePathsWithoutWriting) {
+TEST_F(OutputTest, RefusesUnknownCodecsAndUnopenablePathsWithoutWriting) {
   Job badVideo(kMkv, dir.path("v.mkv")), badAudio(kMkv, dir.path("a.mkv"));
   Job badPath(kMkv, dir.path("missing/dir/out.mkv")), dirPath(kMkv, dir.path(""));
   badVideo.vc.params.codec = FourCC("XVID");
@@ -516,12 +511,10 @@ TEST_F(PluginTest, RefusesUnknownCodecsAndUnopenablePathsWithoutWriting) {
   badPath.audio.clear();
   ASSERT_EQ(badPath.begin(true, true), 0u);
   badPath.feed();
-  badPath.f->EndFormatting(nullptr);
-  EXPECT_EQ(Layout(badPath.path).docType, "matroska");
-  EXPECT_EQ(packetsPerStream(badPath.path), (std::vector<size_t>{badPath.video.size(), badPath.audio.size()}));
+  finishAndCheck(badPath, false);
 }
 
-TEST_F(PluginTest, SurvivesOddSamples) {
+TEST_F(OutputTest, SurvivesOddSamples) {
   Job job(kMkv, dir.path("odd.mkv"));
   auto video = [&](int64_t ms, bool key, size_t size = 200) {
     job.addVideo(ms, 1000, key, size ? vp8(size, key, static_cast<uint32_t>(ms)) : Bytes());
@@ -558,7 +551,7 @@ TEST_F(PluginTest, SurvivesOddSamples) {
   EXPECT_LT(mkvmergeJson(job.path).exitCode, 2);
 }
 
-TEST_F(PluginTest, MissingDecoderConfigurationStillFinishesTheFile) {
+TEST_F(OutputTest, MissingDecoderConfigurationStillFinishesTheFile) {
   Job job(kMkv, dir.path("noconfig.mkv"));
   job.vc.params.codec = FourCC("H264");
   job.ac.params = {kKvi, FourCC("AAC "), 48000, 16, "Stereo", "AAC"};
@@ -569,25 +562,23 @@ TEST_F(PluginTest, MissingDecoderConfigurationStillFinishesTheFile) {
   EXPECT_LT(mkvmergeJson(job.path).exitCode, 2);
 }
 
-TEST_F(PluginTest, ReuseForASecondFileLeavesTheFirstIntact) {
+TEST_F(OutputTest, ReuseForASecondFileLeavesTheFirstIntact) {
   Job job(kMkv, dir.path("first.mkv"));
   ASSERT_EQ(job.begin(true, true), 0u);
   job.feed();
   EXPECT_EQ(job.f->EndFormatting(nullptr), 0u);
   const Bytes first = readFile(job.path);
-  const std::vector<size_t> firstCounts{job.video.size(), job.audio.size()};
-  EXPECT_EQ(Layout(job.path).docType, "matroska");
+  checkFile(job, false);
 
   job.path = dir.path("second.mkv");
   job.video.clear();
   ASSERT_EQ(job.begin(true, false), 0u);
   job.feed(5000);
+  job.audio.clear();  // not asked for, so not written
   job.f->Release();  // releasing without EndFormatting finishes the second file
   job.f = nullptr;
   EXPECT_EQ(readFile(dir.path("first.mkv")), first);
-  EXPECT_EQ(packetsPerStream(dir.path("first.mkv")), firstCounts);
-  EXPECT_EQ(Layout(job.path).docType, "matroska");
-  EXPECT_EQ(packetsPerStream(job.path), (std::vector<size_t>{job.video.size(), 0}));
+  checkFile(job, false);
 }
 
 TEST_F(OutputTest, WebmVp8AndVorbis) {
