@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <numeric>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -75,9 +74,8 @@ TEST_F(ModelTest, SegmentInfoAndTrackDefaults) {
 
   // Values equal to their defaults are left out: "eng", a scale of 1, 8000 Hz mono. "und" is not a default,
   // and the compression algorithm 0 is still stated inside a written encoding.
-  TracksElt tracks;
-  tracks->tracks_.add()->language_->set("eng");
-  TrackElt und, scale, noLacing, enc;
+  TrackElt eng, und, scale, noLacing, enc;
+  eng->language_->set("eng");
   und->language_->set("und");
   scale->trackTimecodeScale_->set(1.0);
   noLacing->flagLacing_->set(0);
@@ -88,8 +86,7 @@ TEST_F(ModelTest, SegmentInfoAndTrackDefaults) {
   stereo->samplingFrequency_->set(48000.0);
   stereo->channels_->set(2);
   const std::vector<std::pair<const IElement*, Bytes>> rows = {
-      {&tracks->tracks_[0], {}},
-      {&tracks, {0x16, 0x54, 0xAE, 0x6B, 0x82, 0xAE, 0x80}},  // an empty list item is still written
+      {&eng, {}},
       {&und, {0xAE, 0x87, 0x22, 0xB5, 0x9C, 0x83, 'u', 'n', 'd'}},
       {&scale, {}},
       {&noLacing, {0xAE, 0x83, 0x9C, 0x81, 0x00}},
@@ -162,9 +159,6 @@ TEST(Lacing, HeaderBytesByHand) {
   SimpleBlock flagged = blockOf({10, 10, 10}, pool);
   flagged.setInvisible(true).setDiscardable(true);
   EXPECT_EQ(header(flagged), Bytes({0x81, 0x00, 0x00, 0x8D, 0x02}));
-  std::ostringstream dump;
-  dump << blockOf({1234}, pool);
-  EXPECT_EQ(dump.str(), "track 1, ltc 0, keyframe, 1 frame(s), f[0] 1234 bytes");
 
   // At most 256 frames: the count byte holds 255.
   SimpleBlock full;
