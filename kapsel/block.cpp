@@ -128,6 +128,7 @@ uint64_t SimpleBlock::importData(const HodgePodge& data) {
       }
       sizes.push_back(size);
       sum += size;
+      if (sum > total) return 0;
     }
   } else if (lacing == kEBMLLacing) {
     int64_t prev = 0;
@@ -143,10 +144,12 @@ uint64_t SimpleBlock::importData(const HodgePodge& data) {
       } else {
         size = prev + vsizeSignedDecode(it, len);
       }
-      if (len == 0 || size < 0) return 0;
+      // No frame is larger than the block: a size past that would let the next ones (and their sum) overflow.
+      if (len == 0 || size < 0 || static_cast<uint64_t>(size) > total) return 0;
       pos += len;
       sizes.push_back(static_cast<uint64_t>(size));
       sum += static_cast<uint64_t>(size);
+      if (sum > total) return 0;
       prev = size;
     }
   }

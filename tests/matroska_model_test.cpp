@@ -255,6 +255,13 @@ TEST(Lacing, ImportRejectsBadData) {
       {0x81, 0x00, 0x00, 0x06, 0x02, 0x82, 0x80, 1, 2, 3},     // EBML size turns negative
   };
   for (const Bytes& bytes : bad) EXPECT_EQ(importBytes(b, bytes), 0u) << bytes.size() << " bytes";
+  // 256 EBML-laced frames: 2^56 - 2 bytes, then 254 of 2^56 + 283691315109953 (one delta, then deltas of 0).
+  // The sizes add up to 124 modulo 2^64, which 130 bytes of data would seem to hold.
+  Bytes wrapping = {0x81, 0x00, 0x00, 0x06, 0xFF, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE,
+                    0x01, 0x81, 0x02, 0x04, 0x08, 0x10, 0x20, 0x42};
+  wrapping.insert(wrapping.end(), 253, 0xBF);
+  wrapping.insert(wrapping.end(), 130, 0x55);
+  EXPECT_EQ(importBytes(b, wrapping), 0u);
 
   // A negative timecode and an unlaced frame read back.
   const Bytes good = {0x82, 0xFF, 0x38, 0x81, 9, 8, 7};  // the block reads its frames from here
