@@ -54,6 +54,12 @@ CLI::Option* repeatable(CLI::Option* option) {
 
 }  // namespace
 
+// Read by jemalloc when the program is linked with it (ignored otherwise): one arena for our two threads, and freed
+// pages go back within a second, so that muxing an hour needs no more memory than muxing a minute.
+extern "C" {
+const char* malloc_conf = "narenas:1,dirty_decay_ms:1000,muzzy_decay_ms:0";
+}
+
 int main(int argc, char** argv) {
   CLI::App app{"kapsel - write, inspect, edit and optimise Matroska and WebM files"};
   app.set_version_flag("--version", std::string("kapsel ") + KAPSEL_VERSION);
