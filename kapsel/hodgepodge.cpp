@@ -1,5 +1,7 @@
 #include "kapsel/hodgepodge.h"
 
+#include <memory>
+
 #include "kapsel/file.h"
 
 namespace Kapsel {
@@ -63,18 +65,24 @@ ReceiptPtr HodgePodge::save(IStorage& storage) const {
   ReceiptPtr result = storage.receipt();
   if (!result) return result;
   const bool dryRun = storage.isNullStorage();
-  std::vector<unsigned char> buffer;
+  // Pieces pass through one buffer per thread, kept from call to call and never zero-filled: a fresh vector per
+  // block cost as much as copying the block. Pieces larger than kKept get a buffer of their own.
+  constexpr uint64_t kKept = 1 << 20;
+  thread_local std::unique_ptr<unsigned char[]> kept(new unsigned char[kKept]);
+  std::unique_ptr<unsigned char[]> large;
   for (const auto& r : receipts_) {
     if (!r) return ReceiptPtr();
     ReceiptPtr part;
+    const uint64_t n = r->numBytes();
     if (dryRun) {
       // An empty piece counts nothing; skipping 0 bytes would read as a failure.
-      if (r->numBytes() == 0) continue;
-      part = storage.skipWithReceipt(r->numBytes());
+      if (n == 0) continue;
+      part = storage.skipWithReceipt(n);
     } else {
-      buffer.resize(r->numBytes());
-      if (!r->load(buffer.data())) return ReceiptPtr();
-      part = Kapsel::save(storage, buffer);
+      if (n > kKept) large.reset(new unsigned char[n]);
+      unsigned char* buffer = n > kKept ? large.get() : kept.get();
+      if (!r->load(buffer)) return ReceiptPtr();
+      part = storage.save(buffer, static_cast<unsigned long>(n));
     }
     if (!part) return ReceiptPtr();
     *result += part;
