@@ -66,7 +66,7 @@ CLIPS = [
      {"mkv": "ok", "webm": "refused", "plugin": "ok"}),
     ("h264_2997_mkv", "h264_2997.mkv", [["ffmpeg", *V("30000/1001"), *A(), *X264, "-c:a", "aac", "-shortest"]],
      {"mkv": "ok", "webm": "refused", "opt": "ok"}),
-    ("h264_60_mp4", "h264_60.mp4", [["ffmpeg", *V("60"), *A(rate=48000), *X264, "-c:a", "aac", "-shortest"]],
+    ("h264_60_mp4", "h264_60.mp4", [["ffmpeg", *V("60"), *A(rate=48000), *X264, "-c:a", "aac", "-shortest", *META]],
      {"mkv": "ok"}),
     ("h264_vfr_mkv", "h264_vfr.mkv",
      [["ffmpeg", *V("30"), "-vf", "select='not(eq(mod(n\\,5)\\,2))*not(eq(mod(n\\,7)\\,3))'", "-fps_mode", "vfr",
@@ -96,8 +96,6 @@ CLIPS = [
     ("chapters_mkv", "chapters.mkv",
      [["ffmpeg", *V("25"), *A(), "-i", "{w}/chapters.txt", "-map", "0", "-map", "1", "-map_metadata", "2",
        "-map_chapters", "2", *X264, "-c:a", "aac", "-shortest"]], {"mkv": "ok", "opt": "ok"}),
-    ("tags_mp4", "tags.mp4", [["ffmpeg", *V("25"), *A(), *X264, "-c:a", "aac", "-shortest", *META]],
-     {"mkv": "ok"}),
     ("tags_vp8_mkv", "tags_vp8.mkv", [["ffmpeg", *V("25"), *A(), *VP8, "-c:a", "libvorbis", "-shortest", *META]],
      {"mkv": "ok", "webm": "ok", "opt": "ok"}),
     ("two_audio_subs_mkv", "two_audio_subs.mkv", MULTI, {"mkv": "ok", "webm": "refused", "opt": "ok"}),
@@ -123,8 +121,6 @@ CLIPS = [
      {"mkv": "ok"}),
     # Not through the plug-in, which takes no DiscardPadding: Opus decodes there with the encoder's 648 padding
     # samples at the end (116496 values for the source's 115200, the first 115200 alike).
-    ("opus_webm", "opus.webm", [["ffmpeg", *V("25"), *A(rate=48000), *VP8, "-c:a", "libopus", "-shortest"]],
-     {"mkv": "ok", "webm": "ok", "opt": "ok"}),
     ("vp9_opus_webm", "vp9_opus.webm",
      [["ffmpeg", *V("25"), *A(rate=48000), "-c:v", "libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8",
        "-c:a", "libopus", "-shortest"]], {"mkv": "ok", "webm": "ok", "opt": "ok"}),
@@ -492,6 +488,12 @@ def check_packets(src, out, src_probe, out_probe, laced_audio=False):
             problems.append(f"stream {os_['index']} vs source {best[0]}: {best[1][0]}")
         if oerr:
             problems.append(f"reading stream {os_['index']}: {oerr.splitlines()[0]}")
+    # Times before zero (AAC priming) move every stream by the same amount, as a stream copy does, up to zero.
+    # Opus shows its codec delay as an earlier time, but the file carries it as CodecDelay.
+    earliest = min((p[0] for s in src_probe.get("streams", []) if s.get("codec_name") != "opus"
+                    for p in packets(src, s["index"])[2] if p[0] is not None), default=0)
+    if earliest < 0 and shift is not None and abs(shift + earliest) > Fraction(1, 1000):
+        problems.append(f"every time moved by {float(shift):.4f}s; the source starts at {float(earliest):.4f}s")
     return problems
 
 
@@ -636,9 +638,8 @@ def check_damaged(kapsel, work, src):
     """optimize refuses the damaged file; with --force it keeps every intact packet ffmpeg still reads."""
     out = os.path.join(work, "damaged.opt.webm")
     problems = []
-    for f in (out,):
-        if os.path.exists(f):
-            os.remove(f)
+    if os.path.exists(out):
+        os.remove(out)
     r = run([kapsel, "optimize", src, out])
     if r.returncode != 1 or os.path.exists(out) or "damage" not in r.stderr.lower():
         problems.append(f"without --force: exit {r.returncode}, output {'written' if os.path.exists(out) else 'none'}"
@@ -681,6 +682,14 @@ def main():
     open(os.path.join(work, "font.ttf"), "wb").write(b"\x00\x01\x00\x00" + bytes(range(60)))
     start = time.time()
     rows, failed = [], False
+
+    def report(name, kind, cells, problems):
+        nonlocal failed
+        rows.append((name, kind, *cells))
+        for p in problems:
+            print(f"  {name} {kind}: {p}")
+        failed |= bool(problems)
+
     for clip in CLIPS:
         name, fname, _, expected = clip[:4]
         extra = {k: [x.replace("{w}", work) if isinstance(x, str) else x for x in v]
@@ -698,16 +707,11 @@ def main():
         frame_tol = float(max(durations, default=Fraction(1, 25))) + 0.002
         for kind in OUTPUTS:
             want = expected.get("opt" if kind == "crc" else kind)
-            if want is None:
-                continue
-            if want == "damaged" and kind == "crc":
+            if want is None or (want == "damaged" and kind == "crc"):
                 continue
             if want == "damaged":
                 probs, readers = check_damaged(kapsel, work, src)
-                rows.append((name, "opt", "FAIL" if probs else "ok", "-", "FAIL" if readers else "ok"))
-                for p in probs + readers:
-                    print(f"  {name} opt: {p}")
-                failed |= bool(probs or readers)
+                report(name, kind, ("FAIL" if probs else "ok", "-", "FAIL" if readers else "ok"), probs + readers)
                 continue
             ext = kind if kind in ("mkv", "webm") else "mkv" if kind == "plugin" else os.path.splitext(fname)[1][1:]
             out = os.path.join(work, f"{name}.{kind}.{ext}")
@@ -736,19 +740,14 @@ def main():
                     e = diff_lists([(p[0], p[2]) for p in kept], [(p[0], p[2]) for p in opk], f"stream {index} packet")
                     if e and not problems:
                         problems.append(e)
-                rows.append((name, kind, "FAIL" if problems else "ok", "-", "-"))
-                for p in problems:
-                    print(f"  {name} {kind}: {p}")
-                failed |= bool(problems)
+                report(name, kind, ("FAIL" if problems else "ok", "-", "-"), problems)
                 continue
             if want == "refused" or r.returncode != 0:
                 ok = want == "refused" and r.returncode == 1 and not os.path.exists(out) and \
                     len(r.stderr.strip().splitlines()) == 1
-                rows.append((name, kind, "refused" if ok else "FAIL", "-", "-"))
-                if not ok:
-                    failed = True
-                    print(f"  {name} {kind}: expected {want}, got exit {r.returncode}"
-                          f"{' and an output file' if os.path.exists(out) else ''}: {r.stderr.strip()[:200]}")
+                report(name, kind, ("refused" if ok else "FAIL", "-", "-"), [] if ok else [
+                    f"expected {want}, got exit {r.returncode}{' and an output file' if os.path.exists(out) else ''}: "
+                    f"{r.stderr.strip()[:200]}"])
                 continue
             out_probe = probe(out)
             results = {"packets": check_packets(src, out, src_probe, out_probe, laced_audio=kind == "plugin"),
@@ -761,14 +760,8 @@ def main():
                 a, _ = element_tree(src)
                 b, rc = element_tree(out)
                 results["readers"] += [f"element tree: {e}" for e in diff_trees(a, b)]
-            cells = []
-            for key in ("packets", "frames", "readers"):
-                v = results[key]
-                cells.append("-" if v is None else ("FAIL" if v else "ok"))
-                for p in v or []:
-                    print(f"  {name} {kind} {key}: {p}")
-                failed |= bool(v)
-            rows.append((name, kind, *cells))
+            report(name, kind, ["-" if v is None else ("FAIL" if v else "ok") for v in results.values()],
+                   [f"{key}: {p}" for key, v in results.items() for p in v or []])
     print()
     print(f"{'clip':<22} {'output':<6} {'packets':<8} {'frames':<8} {'readers':<8}")
     for row in rows:
