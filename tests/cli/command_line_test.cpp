@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -14,8 +15,6 @@ using namespace kapsel_test;
 namespace {
 
 const std::string kProgram = KAPSEL_CLI;
-
-CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(kProgram) + " " + args); }
 
 std::vector<std::string> lines(const std::string& text, const std::string& separators = "\n") {
   std::vector<std::string> out;
@@ -32,17 +31,6 @@ std::vector<std::string> lines(const std::string& text, const std::string& separ
   return out;
 }
 
-// A VP8/Vorbis clip of this many seconds, or empty when this ffmpeg cannot make one.
-std::string clip(const TempDir& dir, const std::string& name, int seconds, const std::string& args) {
-  const std::string path = dir.path(name);
-  const std::string d = std::to_string(seconds);
-  return runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + d +
-                    " -f lavfi -i sine=duration=" + d + " " + args + " " + shellQuote(path))
-                 .exitCode == 0
-             ? path
-             : "";
-}
-
 // The clip fed through a pipe in small pieces, so that the run lasts long enough for several progress updates.
 std::string slowly(const std::string& file) {
   return "{ for i in $(seq 25); do dd bs=8192 count=1 2>/dev/null; sleep 0.06; done; cat; } < " + shellQuote(file) +
@@ -53,9 +41,12 @@ std::string slowly(const std::string& file) {
 
 TEST(CommandLine, ExitStatusesAndOneLineMessages) {
   TempDir dir;
-  const std::string in = clip(dir, "in.webm", 1, "-c:v libvpx -c:a libvorbis");
+  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -c:a libvorbis", 1);
   if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
+  writeText(dir.path("junk.mkv"), std::string(5000, '\x42'));
   const std::string q = shellQuote(in), out = shellQuote(dir.path("out.mkv")), missing = shellQuote(dir.path("no.mkv"));
+  // A failed mux never leaves this output behind.
+  const std::string x = dir.path("x.mkv"), mux = "mux -q " + q + " -o " + shellQuote(x) + " ";
   struct Case {
     std::string args;
     int status;
@@ -66,17 +57,30 @@ TEST(CommandLine, ExitStatusesAndOneLineMessages) {
       {"--help", 0, ""},
       {"mux --help", 0, ""},
       {"mux -q " + q + " -o " + out, 0, ""},
-      {"mux -q " + missing + " -o " + shellQuote(dir.path("x.mkv")), 1, "cannot read"},
+      {"mux -q " + missing + " -o " + shellQuote(x), 1, "cannot read"},
+      {"mux -q " + shellQuote(dir.path("junk.mkv")) + " -o " + shellQuote(x), 1, ""},
+      {"mux -q " + q + " -o /nonexistent-dir/out.webm", 1, ""},
       {"mux -q " + q, 2, "--output is required (see kapsel mux --help)"},
-      {"mux -q " + q + " -o " + out + " --bogus", 2, "--bogus"},
+      {mux + "--bogus", 2, "--bogus"},
       {"mux -q " + q + " -o -", 2, "-o - is not possible"},
-      {"mux -q " + q + " -o " + out + " --format avi", 2, "avi"},
-      {"mux -q " + q + " -o " + out + " --meta NoEquals", 2, "--meta takes NAME=VALUE"},
-      {"mux -q " + q + " -o " + out + " --chapter x=y", 2, "--chapter takes SECONDS=NAME"},
-      {"mux -q " + q + " -o " + out + " --progress=sometimes", 2, "sometimes"},
-      {"mux -q - - -o " + out, 2, "standard input"},
+      {mux + "--format avi", 2, "avi"},
+      {mux + "--meta NoEquals", 2, "--meta takes NAME=VALUE"},
+      {mux + "--chapter x=y", 2, "--chapter takes SECONDS=NAME"},
+      {mux + "--progress=sometimes", 2, "sometimes"},
+      {"mux -q - - -o " + shellQuote(x), 2, "standard input"},
+      // Stream and track options that name what is not there, or are not of their form.
+      {mux + "--map 0", 2, ""},
+      {mux + "--map 1:0", 2, ""},
+      {mux + "--map 0:2", 2, ""},
+      {mux + "--map 0:0 --map 0:0", 2, ""},
+      {mux + "--language 1:english", 2, ""},
+      {mux + "--language 3:ger", 2, ""},
+      {mux + "--default-track 1:2", 2, ""},
+      {mux + "--track-name x:y", 2, ""},
+      {mux + "--plugin --map 0:0", 2, ""},
       {"info --no-blocks " + out, 0, ""},
       {"info " + missing, 1, ""},
+      {"info " + shellQuote(dir.path("junk.mkv")), 1, ""},
       {"info", 2, "see kapsel info --help"},
       {"info " + out + " --bogus", 2, "--bogus"},
       {"optimize " + out + " " + shellQuote(dir.path("small.mkv")), 0, ""},
@@ -93,20 +97,24 @@ TEST(CommandLine, ExitStatusesAndOneLineMessages) {
     const CommandResult r = kapsel(c.args);
     EXPECT_EQ(r.exitCode, c.status) << c.args << "\n" << r.err;
     if (c.status == 0) continue;
-    const auto errLines = lines(r.err);
-    ASSERT_EQ(errLines.size(), 1u) << c.args << "\n" << r.err;
-    EXPECT_EQ(errLines[0].rfind("kapsel: ", 0), 0u) << c.args;
-    EXPECT_NE(errLines[0].find(c.says), std::string::npos) << c.args << "\n" << r.err;
+    // Only libav's own diagnostics ("[matroska,webm @ 0x…] …") may come before the line.
+    std::vector<std::string> errLines;
+    for (const auto& line : lines(r.err))
+      if (line[0] != '[') errLines.push_back(line);
+    EXPECT_EQ(errLines.size(), 1u) << c.args << "\n" << r.err;
+    EXPECT_EQ(lastLine(r.err).rfind("kapsel: ", 0), 0u) << c.args;
+    EXPECT_NE(lastLine(r.err).find(c.says), std::string::npos) << c.args << "\n" << r.err;
     EXPECT_EQ(r.out, "") << c.args;
+    EXPECT_FALSE(std::filesystem::exists(x)) << c.args;
   }
 }
 
 TEST(CommandLine, RepeatableOptionsTakeOneValueAndStandardInputIsAnInput) {
   TempDir dir;
-  const std::string video = clip(dir, "video.webm", 2, "-map 0:v -c:v libvpx");
-  const std::string audio = clip(dir, "audio.ogg", 2, "-map 1:a -c:a libvorbis");
+  const std::string video = makeClip(dir, "video.webm", "-map 0:v -c:v libvpx");
+  const std::string audio = makeClip(dir, "audio.ogg", "-map 1:a -c:a libvorbis");
   if (video.empty() || audio.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
-  // The audio input right after --meta and --chapter values stays an input.
+  // The audio input right after --meta and --chapter values stays an input; what the values do, KapselMux checks.
   const std::string both = dir.path("both.webm");
   CommandResult r = kapsel("mux -q " + shellQuote(video) + " --meta Title=Holiday " + shellQuote(audio) +
                            " --chapter 1=Beach -o " + shellQuote(both));
@@ -116,9 +124,7 @@ TEST(CommandLine, RepeatableOptionsTakeOneValueAndStandardInputIsAnInput) {
   const auto j = nlohmann::json::parse(probe.out);
   ASSERT_EQ(j["streams"].size(), 2u) << probe.out;
   EXPECT_EQ(j["format"]["tags"]["title"], "Holiday");
-  bool beach = false;
-  for (const auto& c : j["chapters"]) beach |= c["tags"]["title"] == "Beach" && c["start_time"] == "1.000000";
-  EXPECT_TRUE(beach) << probe.out;
+  EXPECT_EQ(j["chapters"].size(), 1u) << probe.out;
 
   // "-" reads standard input: the same frames as from the file.
   const std::string piped = dir.path("piped.mkv"), direct = dir.path("direct.mkv");
@@ -134,7 +140,7 @@ TEST(CommandLine, RepeatableOptionsTakeOneValueAndStandardInputIsAnInput) {
 
 TEST(CommandLine, ProgressFitsTheTerminalOrIsJsonAndModuleLinesNeedVerbose) {
   TempDir dir;
-  const std::string in = clip(dir, "in.webm", 20, "-c:v libvpx -b:v 300k -c:a libvorbis");
+  const std::string in = makeClip(dir, "in.webm", "-c:v libvpx -b:v 300k -c:a libvorbis", 20);
   if (in.empty()) GTEST_SKIP() << "ffmpeg cannot encode VP8/Vorbis here";
   if (!haveTool("script")) GTEST_SKIP() << "no script(1) for a pseudo-terminal";
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -12,8 +11,6 @@
 using namespace kapsel_test;
 
 namespace {
-
-CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(KAPSEL_CLI) + " " + args); }
 
 std::string packets(const std::string& file) {
   return runCommand("ffmpeg -v error -i " + shellQuote(file) + " -map 0 -c copy -f framemd5 -").out;
@@ -60,19 +57,13 @@ TEST(KapselEdit, ChangesExactlyTheAskedFieldsInFilesOfEveryMuxer) {
   ASSERT_EQ(kapsel("optimize --crc32 " + shellQuote(ff) + " " + shellQuote(crc)).exitCode, 0);
   const int crcs = littleEndianCrcs(crc);
   ASSERT_GE(crcs, 4);
-  {
-    std::ofstream chapters(dir.path("chapters.txt"));
-    chapters << "# name times\n00:00:00.000-00:00:00.400 One\n00:00:00.400 Two\n";
-  }
+  writeText(dir.path("chapters.txt"), "# name times\n00:00:00.000-00:00:00.400 One\n00:00:00.400 Two\n");
   const std::string full = "--title Hello --track 2 --language ger --name Dub --track 1 --default no --forced yes"
                            " --tag ARTIST=Me --chapters " + shellQuote(dir.path("chapters.txt"));
   const std::string webm = dir.path("ffmpeg.webm");
   ASSERT_EQ(runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=10:duration=1 -f lavfi -i "
                        "sine=duration=1 -c:v libvpx -c:a libvorbis " + shellQuote(webm)).exitCode, 0);
-  {
-    std::ofstream tags(dir.path("tags.txt"));
-    tags << "ARTIST=Me\n";
-  }
+  writeText(dir.path("tags.txt"), "ARTIST=Me\n");
   struct Case {
     std::string file, args;
     bool tracks, chapters, title = true;

@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <fcntl.h>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
@@ -22,8 +21,6 @@ using nlohmann::json;
 namespace {
 
 const std::string kProgram = KAPSEL_CLI;
-
-CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(kProgram) + " " + args); }
 
 struct Line {
   int depth;
@@ -118,16 +115,9 @@ TEST(KapselInfo, WritersFilesReadAsTheIndependentReadersReadThem) {
   ASSERT_EQ(runCommand("ffmpeg -v error -y -i " + shellQuote(src) + " -c copy -metadata title=FF -metadata:s:a:0 "
                        "language=fre " + shellQuote(ff)).exitCode, 0);
   writeFile(cover, {0x89, 'P', 'N', 'G', 13, 10, 26, 10, 0, 0, 0, 0});
-  writeFile(chapters, std::vector<unsigned char>(
-      {'C', 'H', 'A', 'P', 'T', 'E', 'R', '0', '1', '=', '0', '0', ':', '0', '0', ':', '0', '0', '.', '0', '0', '0', '\n',
-       'C', 'H', 'A', 'P', 'T', 'E', 'R', '0', '1', 'N', 'A', 'M', 'E', '=', 'O', 'n', 'e', '\n',
-       'C', 'H', 'A', 'P', 'T', 'E', 'R', '0', '2', '=', '0', '0', ':', '0', '0', ':', '0', '2', '.', '0', '0', '0', '\n',
-       'C', 'H', 'A', 'P', 'T', 'E', 'R', '0', '2', 'N', 'A', 'M', 'E', '=', 'T', 'w', 'o', '\n'}));
-  {
-    std::ofstream t(tags);
-    t << "<Tags><Tag><Targets><TargetTypeValue>50</TargetTypeValue></Targets><Simple><Name>ARTIST</Name>"
-         "<String>Someone</String></Simple></Tag></Tags>";
-  }
+  writeText(chapters, "CHAPTER01=00:00:00.000\nCHAPTER01NAME=One\nCHAPTER02=00:00:02.000\nCHAPTER02NAME=Two\n");
+  writeText(tags, "<Tags><Tag><Targets><TargetTypeValue>50</TargetTypeValue></Targets><Simple><Name>ARTIST</Name>"
+                  "<String>Someone</String></Simple></Tag></Tags>");
   ASSERT_EQ(runCommand("mkvmerge -q -o " + shellQuote(mm) + " --language 1:fre --track-name 1:Sine --forced-display-flag 1:1 "
                        "--default-track-flag 0:0 --chapters " + shellQuote(chapters) + " --global-tags " + shellQuote(tags) +
                        " --attachment-mime-type image/png --attach-file " + shellQuote(cover) + " " + shellQuote(src))

@@ -16,8 +16,6 @@ using namespace kapsel_test;
 
 namespace {
 
-CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(KAPSEL_CLI) + " " + args); }
-
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> out;
   std::istringstream in(text);

@@ -170,4 +170,20 @@ void writeFile(const std::string& path, const std::vector<unsigned char>& bytes)
   if (!out) ADD_FAILURE() << "cannot write " << path;
 }
 
+void writeText(const std::string& path, const std::string& text) { writeFile(path, {text.begin(), text.end()}); }
+
+std::string lastLine(std::string text) {
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text.substr(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+}
+
+std::string makeClip(const TempDir& dir, const std::string& name, const std::string& codecArgs, double seconds,
+                     const std::string& extraInputs) {
+  const std::string path = dir.path(name), d = std::to_string(seconds);
+  CommandResult r = runCommand("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + d +
+                               " -f lavfi -i sine=frequency=440:duration=" + d + " " + extraInputs + " " + codecArgs +
+                               " " + shellQuote(path));
+  return r.exitCode == 0 ? path : "";
+}
+
 }  // namespace kapsel_test

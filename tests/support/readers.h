@@ -55,5 +55,16 @@ std::vector<unsigned char> readFile(const std::string& path);
 std::vector<unsigned char> cat(std::initializer_list<std::vector<unsigned char>> parts);
 // Replaces the file with exactly these bytes; a failure fails the running test.
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
+void writeText(const std::string& path, const std::string& text);
+// The last non-empty line of a program's standard error.
+std::string lastLine(std::string text);
+// A clip of ffmpeg's test picture and a sine tone (inputs 0 and 1) made with these arguments; empty when this
+// ffmpeg cannot make it.
+std::string makeClip(const TempDir& dir, const std::string& name, const std::string& codecArgs, double seconds = 2.0,
+                     const std::string& extraInputs = "");
+
+#ifdef KAPSEL_CLI
+inline CommandResult kapsel(const std::string& args) { return runCommand(shellQuote(KAPSEL_CLI) + " " + args); }
+#endif
 
 }  // namespace kapsel_test
