@@ -264,12 +264,10 @@ TEST(Codecs, CraftedInputs) {
       }
 }
 
-// Stream parameters as libav describes them, mapped for Matroska or WebM.
+// Stream parameters as libav describes them, mapped for Matroska or WebM: what no clip above or in the corpus maps.
 TEST(Codecs, StreamMappingTable) {
   using C = kapsel_cli::FrameConversion;
   const std::string webmTakes = "; WebM takes VP8, VP9, AV1, Vorbis, Opus and WebVTT";
-  // STREAMINFO: 44.1 kHz (0x0ac44), 2 channels (1), 24 bits (23 = 0b10111) across bytes 12 and 13.
-  const std::string streamInfo24 = "00100010000000000000" "0ac44370" + std::string(40, '0');
   struct Row {
     AVCodecID id;
     bool webm;
@@ -278,44 +276,23 @@ TEST(Codecs, StreamMappingTable) {
     std::string expected;   // codec ID, or the error
     std::string codecPrivate;
     uint64_t bitDepth, codecDelay, seekPreRoll;
-    C conversion;
-    bool needsFirstPacket;
   };
   const Row rows[] = {
-      {AV_CODEC_ID_PCM_S24LE, false, 0, "", "A_PCM/INT/LIT", "", 24, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_PCM_U8, false, 0, "", "A_PCM/INT/LIT", "", 8, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_PCM_S16BE, false, 0, "", "A_PCM/INT/BIG", "", 16, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_PCM_S32BE, false, 0, "", "A_PCM/INT/BIG", "", 32, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_PCM_F64LE, false, 0, "", "A_PCM/FLOAT/IEEE", "", 64, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_MP3, false, 0, "", "A_MPEG/L3", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_MP2, false, 0, "", "A_MPEG/L2", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_EAC3, false, 0, "", "A_EAC3", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_DTS, false, 0, "", "A_DTS", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_FLAC, false, 0, streamInfo24, "A_FLAC", "664c614380000022" + streamInfo24, 24, 0, 0, C::kNone, false},
+      {AV_CODEC_ID_PCM_S32BE, false, 0, "", "A_PCM/INT/BIG", "", 32, 0, 0},
+      {AV_CODEC_ID_PCM_F64LE, false, 0, "", "A_PCM/FLOAT/IEEE", "", 64, 0, 0},
       {AV_CODEC_ID_OPUS, true, 0, "4f707573486561640102000f80bb0000000000", "A_OPUS",
-       "4f707573486561640102000f80bb0000000000", 0, 80000000, 80000000, C::kNone, false},
-      {AV_CODEC_ID_OPUS, false, 0, "0102", "the Opus stream has no usable codec configuration", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_AAC, false, 0, "", "A_AAC", "", 0, 0, 0, C::kStripAdts, true},
-      {AV_CODEC_ID_AAC, false, 0, "1210", "A_AAC", "1210", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_H264, false, 0, "0142c00affe100046742c00a01000168", "V_MPEG4/ISO/AVC",
-       "0142c00affe100046742c00a01000168", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_HEVC, false, 0, "", "V_MPEGH/ISO/HEVC", "", 0, 0, 0, C::kAnnexBToLengthPrefixed, true},
-      {AV_CODEC_ID_MPEG2VIDEO, false, 0, "000001b3040040", "V_MPEG2", "000001b3040040", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_MPEG4, false, 0, "", "V_MPEG4/ISO/ASP", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_VP6F, false, 0, "", "V_ON2VP6", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_VP9, true, 0, "", "V_VP9", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_SUBRIP, false, 0, "", "S_TEXT/UTF8", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_ASS, false, 0, "5b5363726970", "S_TEXT/ASS", "5b5363726970", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_HDMV_PGS_SUBTITLE, false, 0, "", "S_HDMV/PGS", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_WEBVTT, false, AV_DISPOSITION_CAPTIONS, "", "S_TEXT/WEBVTT", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_WEBVTT, true, 0, "", "D_WEBVTT/SUBTITLES", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_CAPTIONS, "", "D_WEBVTT/CAPTIONS", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_DESCRIPTIONS, "", "D_WEBVTT/DESCRIPTIONS", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_METADATA, "", "D_WEBVTT/METADATA", "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_H264, true, 0, "", "WebM cannot hold H.264" + webmTakes, "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_AAC, true, 0, "", "WebM cannot hold AAC" + webmTakes, "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_CINEPAK, true, 0, "", "WebM cannot hold CINEPAK" + webmTakes, "", 0, 0, 0, C::kNone, false},
-      {AV_CODEC_ID_CINEPAK, false, 0, "", "Kapsel cannot write CINEPAK video into Matroska yet", "", 0, 0, 0, C::kNone, false},
+       "4f707573486561640102000f80bb0000000000", 0, 80000000, 80000000},
+      {AV_CODEC_ID_OPUS, false, 0, "0102", "the Opus stream has no usable codec configuration", "", 0, 0, 0},
+      {AV_CODEC_ID_VP6F, false, 0, "", "V_ON2VP6", "", 0, 0, 0},
+      {AV_CODEC_ID_HDMV_PGS_SUBTITLE, false, 0, "", "S_HDMV/PGS", "", 0, 0, 0},
+      {AV_CODEC_ID_WEBVTT, false, AV_DISPOSITION_CAPTIONS, "", "S_TEXT/WEBVTT", "", 0, 0, 0},
+      {AV_CODEC_ID_WEBVTT, true, 0, "", "D_WEBVTT/SUBTITLES", "", 0, 0, 0},
+      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_CAPTIONS, "", "D_WEBVTT/CAPTIONS", "", 0, 0, 0},
+      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_DESCRIPTIONS, "", "D_WEBVTT/DESCRIPTIONS", "", 0, 0, 0},
+      {AV_CODEC_ID_WEBVTT, true, AV_DISPOSITION_METADATA, "", "D_WEBVTT/METADATA", "", 0, 0, 0},
+      {AV_CODEC_ID_H264, true, 0, "", "WebM cannot hold H.264" + webmTakes, "", 0, 0, 0},
+      {AV_CODEC_ID_CINEPAK, true, 0, "", "WebM cannot hold CINEPAK" + webmTakes, "", 0, 0, 0},
+      {AV_CODEC_ID_CINEPAK, false, 0, "", "Kapsel cannot write CINEPAK video into Matroska yet", "", 0, 0, 0},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.expected);
@@ -334,8 +311,8 @@ TEST(Codecs, StreamMappingTable) {
     EXPECT_EQ(m.bitDepth, r.bitDepth);
     EXPECT_EQ(m.codecDelayNs, r.codecDelay);
     EXPECT_EQ(m.seekPreRollNs, r.seekPreRoll);
-    EXPECT_EQ(m.conversion, r.conversion);
-    EXPECT_EQ(m.needsFirstPacket, r.needsFirstPacket);
+    EXPECT_EQ(m.conversion, C::kNone);
+    EXPECT_FALSE(m.needsFirstPacket);
   }
 
   // A first packet without parameter sets leaves the mapping waiting, with a reason.

@@ -35,9 +35,11 @@ Bytes seek(Bytes id, unsigned char position) {
 
 const Bytes kInfoId{0x15, 0x49, 0xA9, 0x66}, kTracksId{0x16, 0x54, 0xAE, 0x6B};
 
+// An empty title is left out.
 Bytes info(const std::string& title) {
   return el(kInfoId, cat({el({0x2A, 0xD7, 0xB1}, {0x0F, 0x42, 0x40}), el({0x44, 0x89}, {0x44, 0x7A, 0, 0}),
-                          el({0x7B, 0xA9}, str(title)), el({0x4D, 0x80}, str("m")), el({0x57, 0x41}, str("w"))}));
+                          title.empty() ? Bytes() : el({0x7B, 0xA9}, str(title)), el({0x4D, 0x80}, str("m")),
+                          el({0x57, 0x41}, str("w"))}));
 }
 
 struct Layout {
@@ -122,10 +124,7 @@ TEST(InPlaceEditor, TitleEditsFitGrowMoveOrAreRefused) {
     }
     ASSERT_TRUE(editor.execute(error)) << error;
     const Bytes after = readFile(path);
-    const Bytes newInfo = c.title.empty()
-                              ? el(kInfoId, cat({el({0x2A, 0xD7, 0xB1}, {0x0F, 0x42, 0x40}), el({0x44, 0x89}, {0x44, 0x7A, 0, 0}),
-                                                 el({0x4D, 0x80}, str("m")), el({0x57, 0x41}, str("w"))}))
-                              : info(c.title);
+    const Bytes newInfo = info(c.title);
     const size_t room = l.info.size() + l.infoVoid.size();
     Layout expected = l;
     if (c.tag) {
@@ -137,11 +136,9 @@ TEST(InPlaceEditor, TitleEditsFitGrowMoveOrAreRefused) {
       expected.seekHead = el({0x11, 0x4D, 0x9B, 0x74}, cat({seek(kInfoId, l.infoPos), seek(kTracksId, l.tracksPos),
                                                            seek({0x12, 0x54, 0xC3, 0x67}, static_cast<unsigned char>(newPos))}));
       expected.seekVoid = voidOf(l.seekHead.size() + l.seekVoid.size() - expected.seekHead.size());
-      EXPECT_EQ(after, expected.file());
     } else if (newInfo.size() == room || newInfo.size() + 2 <= room) {
       expected.info = newInfo;
       expected.infoVoid = newInfo.size() == room ? Bytes() : voidOf(room - newInfo.size());
-      EXPECT_EQ(after, expected.file());
     } else {
       // Old place a Void, the Info at the start of the free Void, its seek entry changed.
       const size_t newPos = l.seekHead.size() + l.seekVoid.size() + room + l.tracks.size();
@@ -152,11 +149,8 @@ TEST(InPlaceEditor, TitleEditsFitGrowMoveOrAreRefused) {
       expected.seekHead = el({0x11, 0x4D, 0x9B, 0x74}, cat({seek(kInfoId, static_cast<unsigned char>(newPos)),
                                                            seek(kTracksId, l.tracksPos)}));
       expected.seekVoid = voidOf(l.seekHead.size() + l.seekVoid.size() - expected.seekHead.size());
-      EXPECT_EQ(after, expected.file());
     }
-    // A second look finds the new title where the seek head says.
-    Kapsel::InPlaceEditor again;
-    ASSERT_TRUE(again.open(path, error)) << error;
+    EXPECT_EQ(after, expected.file());
   }
 }
 

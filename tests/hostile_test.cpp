@@ -111,26 +111,33 @@ const Raw* child(const std::vector<Raw>& kids, uint64_t id) {
   return nullptr;
 }
 
-// Peak resident memory that a function adds, measured in a child process (KiB).
-long addedPeakKiB(const std::function<void()>& fn) {
+// What a function returns when run in a child process.
+int64_t fromChild(const std::function<int64_t()>& fn) {
   int fds[2];
   if (pipe(fds) != 0) return -1;
   const pid_t pid = fork();
   if (pid == 0) {
+    const int64_t v = fn();
+    (void)!write(fds[1], &v, sizeof v);
+    _exit(0);
+  }
+  int64_t v = -1;
+  close(fds[1]);
+  (void)!read(fds[0], &v, sizeof v);
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  return v;
+}
+
+// Peak resident memory that a function adds, measured in a child process (KiB).
+int64_t addedPeakKiB(const std::function<void()>& fn) {
+  return fromChild([&] {
     rusage before{}, after{};
     getrusage(RUSAGE_SELF, &before);
     fn();
     getrusage(RUSAGE_SELF, &after);
-    const long added = after.ru_maxrss - before.ru_maxrss;
-    (void)!write(fds[1], &added, sizeof added);
-    _exit(0);
-  }
-  long added = -1;
-  close(fds[1]);
-  (void)!read(fds[0], &added, sizeof added);
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  return added;
+    return int64_t{after.ru_maxrss - before.ru_maxrss};
+  });
 }
 
 }  // namespace
@@ -227,7 +234,7 @@ TEST(HostileFiles, MemoryFollowsTheInputNotItsClaims) {
   for (int i = 0; i < 64; ++i) entries = cat({entries, seekEntry(0x1F43B675, headSize + kTracks.size())});
   Loaded in(segment(cat({elt(0x114D9B74, entries), kTracks, big})));
   const uint64_t fileSize = in.storage->file().size();
-  const long kib = addedPeakKiB([&] {
+  const int64_t kib = addedPeakKiB([&] {
     MatroskaDoc doc;
     in.storage->file().seek(0);
     doc.loadSeekHead(*in.storage, fileSize);
@@ -364,25 +371,11 @@ TEST(HostileFiles, Crc32MatchesInEitherByteOrderAndSavesInTheOrderAsked) {
 }
 
 TEST(HostileFiles, UniqueIdsDifferBetweenProcessesAndThreadsAndUseEveryByte) {
-  auto uidInChild = [] {
-    int fds[2];
-    if (pipe(fds) != 0) return uint64_t{0};
-    if (fork() == 0) {
-      const uint64_t v = createUID();
-      (void)!write(fds[1], &v, sizeof v);
-      _exit(0);
-    }
-    uint64_t v = 0;
-    close(fds[1]);
-    (void)!read(fds[0], &v, sizeof v);
-    close(fds[0]);
-    wait(nullptr);
-    return v;
-  };
   // Drawn in the parent first: children forked afterwards must not repeat each other.
   createUID();
   std::set<uint64_t> seen;
-  for (int i = 0; i < 3; ++i) seen.insert(uidInChild());
+  for (int i = 0; i < 3; ++i)
+    seen.insert(static_cast<uint64_t>(fromChild([] { return static_cast<int64_t>(createUID()); })));
   EXPECT_EQ(seen.size(), 3u);
 
   std::vector<std::thread> threads;
