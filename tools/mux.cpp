@@ -143,7 +143,7 @@ const char* kindName(Kapsel::TTrackKind kind) {
 }  // namespace
 
 int runMux(const MuxOptions& o, const std::string& programPath) {
-  setUpLibav();
+  setUpLibav(o.quiet);
   if (const std::string same = sameFileAs(o.output, o.inputs); !same.empty())
     return fail("the output " + o.output + " is the input " + same + "; write to another file");
   bool webm = o.format == "webm";
@@ -224,11 +224,14 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
   }
 
   std::vector<StreamRef> trackRefs;
-  // libav gives a stream with a codec delay (Opus) times less that delay; Matroska's block times include it.
+  // libav gives a stream with a codec delay (Opus) times less that delay, taken off in the stream's time base (to
+  // the nearest millisecond from Matroska); Matroska's block times include it, so it is added back as taken off.
   std::map<StreamRef, int64_t> delays;
   for (auto& tr : tracks) {
     trackRefs.push_back(tr->ref);
-    if (tr->desc.codecDelay) delays[tr->ref] = static_cast<int64_t>(tr->desc.codecDelay);
+    const AVRational tb = tr->st->time_base;
+    tr->delayNs = av_rescale_q(av_rescale_q(static_cast<int64_t>(tr->desc.codecDelay), kNanoseconds, tb), tb, kNanoseconds);
+    if (tr->delayNs) delays[tr->ref] = tr->delayNs;
   }
   // Times are shifted alike so that none is negative; the packets read to find out are muxed later.
   const int64_t shiftNs = startShift(inputs, trackRefs, delays);
@@ -311,7 +314,7 @@ int runWriterMux(const MuxOptions& o, InputList& inputs, bool webm) {
     // The writer keeps the packet's bytes until it has written them; the packet is freed then.
     std::shared_ptr<AVPacket> pkt(raw, [&pump](AVPacket* p) { pump->recycle(p); });
     const AVRational tb = tr.timeBase;
-    const int64_t offset = shiftNs + static_cast<int64_t>(tr.desc.codecDelay);
+    const int64_t offset = shiftNs + tr.delayNs;
     const int64_t given = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
     Kapsel::TWriterFrame frame;
     frame.track = tr.number;

@@ -195,8 +195,9 @@ void PacketPump::run() {
   readable_.notify_one();
 }
 
-void setUpLibav() {
-  av_log_set_level(AV_LOG_ERROR);
+void setUpLibav(bool quiet) {
+  // Failures are told in kapsel's own one line; libav's diagnostics come in addition unless -q.
+  av_log_set_level(quiet ? AV_LOG_QUIET : AV_LOG_ERROR);
   av_log_set_callback(logUnlessStopped);
 }
 

@@ -76,7 +76,7 @@ class PacketPump {
 };
 
 // Quiets libav and lets a stop signal interrupt reading.
-void setUpLibav();
+void setUpLibav(bool quiet);
 // Opens every input and reads its stream information; error is one line for fail().
 bool openInputs(const std::vector<std::string>& paths, InputList& inputs, std::string& error);
 
@@ -120,6 +120,7 @@ struct OutTrack {
   AVStream* st = nullptr;
   AVRational timeBase{1, 1};
   int sampleRate = 0;
+  int64_t delayNs = 0;  // the codec delay libav took off the stream's times
   Kapsel::TTrackSpec desc;
   std::string codecName;  // readable, for messages
   uint64_t number = 0;    // in the output
