@@ -125,7 +125,9 @@ TEST(KapselOutput, FailuresLeaveTheTargetAsItWasAndNoTemporaryFile) {
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(lastLine(r.err).rfind("kapsel: ", 0), 0u) << r.err;
     EXPECT_NE(lastLine(r.err).find(c.message), std::string::npos) << r.err;
-    if (regular) EXPECT_EQ(readFile(c.target), before);
+    if (regular) {
+      EXPECT_EQ(readFile(c.target), before);
+    }
     EXPECT_EQ(leftovers(dir), "");
   }
 }
@@ -273,8 +275,12 @@ TEST(KapselInstall, ConsumerAndExamplesBuildAgainstTheInstalledTreeUnderAnyPrefi
     EXPECT_EQ(pc.exitCode, 0);
     std::istringstream words(pc.out);
     for (std::string w; words >> w;) {
-      if (w.rfind("-I", 0) == 0) EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/include\n");
-      if (w.rfind("-L", 0) == 0) EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/lib\n");
+      if (w.rfind("-I", 0) == 0) {
+        EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/include\n");
+      }
+      if (w.rfind("-L", 0) == 0) {
+        EXPECT_EQ(runCommand("realpath " + shellQuote(w.substr(2))).out, prefix + "/lib\n");
+      }
     }
     EXPECT_NE(pc.out.find("-lkapsel"), std::string::npos);
     // Program, module, man page (renders without warnings) and bash completion.

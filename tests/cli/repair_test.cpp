@@ -188,11 +188,14 @@ TEST(KapselRepair, CutFilesKeepEveryWholeBlockAndReadersSeek) {
     // Through the Cues the reader skips most of the file; without them it reads it all.
     const size_t stats = s.err.find("Statistics: ");
     const uint64_t size = readFile(file).size();
-    if (size > 400000 && stats != std::string::npos)
+    if (size > 400000 && stats != std::string::npos) {
       EXPECT_LT(std::stoull(s.err.substr(stats + 12)), size / 2) << "the reader did not find the Cues";
+    }
 
     EXPECT_EQ(mkvmergeJson(file).exitCode, 0);
-    if (c.source == webm) EXPECT_EQ(webmInfo(file).exitCode, 0);
+    if (c.source == webm) {
+      EXPECT_EQ(webmInfo(file).exitCode, 0);
+    }
     const std::vector<unsigned char> repaired = readFile(file);
     const CommandResult again = kapsel("repair " + shellQuote(file));
     EXPECT_EQ(again.exitCode, 0);
